@@ -1,0 +1,271 @@
+/* The Perl class quillon_event_log::QuillonEventLog: its whole-record methods.
+ * xsubpp registers these first; BOOT then adds the per-field accessors
+ * (src/accessors.cc) in field-number order and the quillon_event_log::IPAddr
+ * class (src/address.cc).  Each object is a blessed reference to a scalar
+ * holding the address of the record it owns. */
+#include "binding.h"
+
+#include <climits>
+#include <cstring>
+
+#include <google/protobuf/stubs/logging.h>
+
+#include "accessors.h"
+#include "address.h"
+#include "families.h"
+#include "hash_form.h"
+#include "output_stream.h"
+
+using namespace qel;
+
+namespace {
+
+/* Parses `len` bytes into `m`, replacing its contents.  The count goes to the
+ * parser as a signed 32-bit number, as the wire format's own limit: longer
+ * input is cut to its low 32 bits, and a count that turns negative fails. */
+bool parse_record(Record &m, const char *bytes, STRLEN len) {
+    const auto count = static_cast<int32_t>(static_cast<uint32_t>(len));
+    if (count < 0) {
+        m.Clear();
+        return false;
+    }
+    return m.ParseFromArray(bytes, count);
+}
+
+/* Merging a record into itself is a broken precondition of the message class:
+ * it ends the process through protobuf's fatal log, even inside eval, before
+ * anything is merged.  The generated classes check this only in debug builds,
+ * so the check is made here. */
+[[noreturn]] void die_self_merge() {
+    try {
+        google::protobuf::internal::LogFinisher() =
+            google::protobuf::internal::LogMessage(google::protobuf::LOGLEVEL_FATAL,
+                                                   "src/quillon_event_log.pb", 3632)
+            << "CHECK failed: (&from) != (this): ";
+    } catch (...) {
+    }
+    std::abort();
+}
+
+void delete_record(pTHX_ void *record) { delete static_cast<Record *>(record); }
+
+enum class SourceOp { Copy, Merge };
+
+/* copy_from/merge_from: the source is a record object or a hash in the hash
+ * form; anything else is ignored.  A source handle holding no record counts
+ * as an empty record. */
+void apply_source(pTHX_ Record &m, SV *source, SourceOp op) {
+    if (is_object_of(aTHX_ source, kRecordClass, sizeof kRecordClass - 1)) {
+        const Record *from = message_of<Record>(aTHX_ source);
+        if (op == SourceOp::Copy) {
+            if (from)
+                m.CopyFrom(*from);
+            else
+                m.Clear();
+        } else if (from) {
+            if (from == &m)
+                die_self_merge();
+            m.MergeFrom(*from);
+        }
+        return;
+    }
+    if (!is_hash_ref(source))
+        return;
+    /* The temporary record is freed by the scope, also when reading the hash
+     * dies (a tied value's FETCH, a restricted hash). */
+    ENTER;
+    Record *from = new Record;
+    SAVEDESTRUCTOR_X(delete_record, from);
+    fill_record(aTHX_ *from, reinterpret_cast<HV *>(SvRV(source)));
+    if (op == SourceOp::Copy)
+        m.CopyFrom(*from);
+    else
+        m.MergeFrom(*from);
+    LEAVE;
+}
+
+/* Text form results; the empty string for an empty handle. */
+template <std::string (google::protobuf::Message::*print)() const>
+SV *text_form(pTHX_ SV *handle) {
+    const Record *m = record_from_handle(aTHX_ handle);
+    if (!m)
+        return newSVpvn("", 0);
+    const std::string text = (m->*print)();
+    return newSVpvn(text.data(), text.size());
+}
+
+}  // namespace
+
+MODULE = quillon_event_log::QuillonEventLog    PACKAGE = quillon_event_log::QuillonEventLog
+
+PROTOTYPES: ENABLE
+
+void
+new(CLASS, ...)
+    SV *CLASS
+  PROTOTYPE: $;@
+  PPCODE:
+    const char *cls = SvPV_nolen(CLASS);
+    /* On purpose only the exact class name: subclasses are refused here,
+     * although every instance method accepts subclass objects. */
+    if (std::strcmp(cls, kRecordClass) != 0)
+        croak(kInvalidClass, cls);
+    Record *m = new Record;
+    /* The mortal handle owns the record from here on, so a hash whose reading
+     * dies frees it. */
+    SV *handle = new_handle(aTHX_ kRecordClass, m);
+    if (items == 2) {
+        SV *arg = ST(1);
+        if (is_hash_ref(arg)) {
+            fill_record(aTHX_ *m, reinterpret_cast<HV *>(SvRV(arg)));
+        } else {
+            /* Anything else is taken as wire bytes, an object of this class
+             * included (its text form is parsed); a bad parse is not reported. */
+            STRLEN len;
+            const char *bytes = SvPV(arg, len);
+            parse_record(*m, bytes, len);
+        }
+    }
+    PUSHs(handle);
+
+void
+DESTROY(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  CODE:
+    destroy_handle<Record>(aTHX_ svTHIS);
+
+void
+copy_from(svTHIS, sv)
+    SV *svTHIS
+    SV *sv
+  PROTOTYPE: $$
+  CODE:
+    if (Record *m = record_from_handle(aTHX_ svTHIS))
+        apply_source(aTHX_ *m, sv, SourceOp::Copy);
+
+void
+merge_from(svTHIS, sv)
+    SV *svTHIS
+    SV *sv
+  PROTOTYPE: $$
+  CODE:
+    if (Record *m = record_from_handle(aTHX_ svTHIS))
+        apply_source(aTHX_ *m, sv, SourceOp::Merge);
+
+void
+clear(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  CODE:
+    if (Record *m = record_from_handle(aTHX_ svTHIS))
+        m->Clear();
+
+int
+is_initialized(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  CODE:
+    const Record *m = record_from_handle(aTHX_ svTHIS);
+    RETVAL = m && m->IsInitialized() ? 1 : 0;
+  OUTPUT:
+    RETVAL
+
+SV *
+error_string(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  CODE:
+    RETVAL = text_form<&Record::InitializationErrorString>(aTHX_ svTHIS);
+  OUTPUT:
+    RETVAL
+
+void
+discard_unkown_fields(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  CODE:
+    /* The misspelt name is the public one. */
+    if (Record *m = record_from_handle(aTHX_ svTHIS))
+        m->DiscardUnknownFields();
+
+SV *
+debug_string(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  CODE:
+    RETVAL = text_form<&Record::DebugString>(aTHX_ svTHIS);
+  OUTPUT:
+    RETVAL
+
+SV *
+short_debug_string(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  CODE:
+    RETVAL = text_form<&Record::ShortDebugString>(aTHX_ svTHIS);
+  OUTPUT:
+    RETVAL
+
+int
+unpack(svTHIS, arg)
+    SV *svTHIS
+    SV *arg
+  PROTOTYPE: $$
+  CODE:
+    /* Replaces the contents; on a failed parse the record keeps what was
+     * read before the fault. */
+    RETVAL = 0;
+    if (Record *m = record_from_handle(aTHX_ svTHIS)) {
+        STRLEN len;
+        const char *bytes = SvPV(arg, len);
+        RETVAL = parse_record(*m, bytes, len);
+    }
+  OUTPUT:
+    RETVAL
+
+void
+pack(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  PPCODE:
+    const Record *m = record_from_handle(aTHX_ svTHIS);
+    SV *bytes = m ? pack_record(aTHX_ *m) : nullptr;
+    XPUSHs(bytes ? sv_2mortal(bytes) : &PL_sv_undef);
+
+IV
+length(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  CODE:
+    /* The wire format counts in signed 32 bits. */
+    const Record *m = record_from_handle(aTHX_ svTHIS);
+    RETVAL = m ? static_cast<int32_t>(m->ByteSizeLong()) : 0;
+  OUTPUT:
+    RETVAL
+
+void
+fields(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  PPCODE:
+    /* No type test: it answers on the class name or any value. */
+    PERL_UNUSED_VAR(svTHIS);
+    EXTEND(SP, kRecordFieldCount);
+    for (const auto &f : kRecordFields)
+        mPUSHp(f.name, f.len);
+
+void
+to_hashref(svTHIS)
+    SV *svTHIS
+  PROTOTYPE: $
+  PPCODE:
+    const Record *m = record_from_handle(aTHX_ svTHIS);
+    /* On purpose an empty handle gives a null result, not undef or {}. */
+    EXTEND(SP, 1);
+    PUSHs(m ? sv_2mortal(newRV_noinc(reinterpret_cast<SV *>(record_to_hash(aTHX_ *m)))) : nullptr);
+
+BOOT:
+    init_hash_keys(aTHX);
+    register_accessors(aTHX_ file);
+    register_address_class(aTHX_ file);

@@ -1,0 +1,267 @@
+// The per-field methods.  One XSUB per family and operation serves every field
+// of that family: each registered CV carries its field's operations in
+// CvXSUBANY, so a family's rules (conversion, order of checks, empty-handle
+// result) are written once here.  register_accessors() installs them from the
+// field tables, four methods per field in field-number order.
+#include "accessors.h"
+
+#include <cstring>
+
+#include "convert.h"
+#include "families.h"
+
+namespace qel {
+namespace {
+
+template <class Ops> inline const Ops &field_ops(CV *cv) {
+    return *static_cast<const Ops *>(CvXSUBANY(cv).any_ptr);
+}
+
+// ---- every singular field ------------------------------------------------
+
+template <class Msg> XS_INTERNAL(xs_has) {
+    dXSARGS;
+    if (items != 1)
+        croak_xs_usage(cv, "svTHIS");
+    dXSTARG;  // prepared before the type test, as for every integer result
+    const auto &f = field_ops<Presence<Msg>>(cv);
+    const Msg &m = live_message_from_handle<Msg>(aTHX_ ST(0));
+    XSprePUSH;
+    PUSHi(f.has(m) ? 1 : 0);
+    XSRETURN(1);
+}
+
+template <class Msg> XS_INTERNAL(xs_clear) {
+    dXSARGS;
+    if (items != 1)
+        croak_xs_usage(cv, "svTHIS");
+    field_ops<Presence<Msg>>(cv).clear(live_message_from_handle<Msg>(aTHX_ ST(0)));
+    XSRETURN_EMPTY;
+}
+
+// Getters read the value whether or not the field is present (an absent field
+// reads as its default) and return nothing for an empty handle.
+template <class Ops, class Msg, SV *(*to_sv)(pTHX_ const Ops &, const Msg &)>
+XS_INTERNAL(xs_get) {
+    dXSARGS;
+    if (items != 1)
+        croak_xs_usage(cv, "svTHIS");
+    const Msg *m = message_from_handle<Msg>(aTHX_ ST(0));
+    if (!m)
+        XSRETURN_EMPTY;
+    ST(0) = sv_2mortal(to_sv(aTHX_ field_ops<Ops>(cv), *m));
+    XSRETURN(1);
+}
+
+template <class Msg> SV *string_to_sv(pTHX_ const StringField<Msg> &f, const Msg &m) {
+    return bytes_to_sv(aTHX_ f.get(m));
+}
+template <class Msg> SV *uint32_to_sv(pTHX_ const UInt32Field<Msg> &f, const Msg &m) {
+    return newSVuv(f.get(m));
+}
+template <class Msg> SV *uint64_field_to_sv(pTHX_ const UInt64Field<Msg> &f, const Msg &m) {
+    return uint64_to_sv(aTHX_ f.get(m));
+}
+template <class Msg> SV *bool_to_sv(pTHX_ const BoolField<Msg> &f, const Msg &m) {
+    return newSViv(f.get(m) ? 1 : 0);
+}
+
+// String setters check THIS before touching VAL; the number and flag setters
+// convert VAL first, so a tied VAL is fetched even when THIS is wrong.  Both
+// orders are intended.  The address is read after VAL's conversion in either
+// case, since converting VAL may run Perl code.
+template <class Msg> XS_INTERNAL(xs_string_set) {
+    dXSARGS;
+    if (items != 2)
+        croak_xs_usage(cv, "svTHIS, svVAL");
+    message_from_handle<Msg>(aTHX_ ST(0));
+    STRLEN len;
+    const char *bytes = SvPV(ST(1), len);
+    Msg &m = live_message_from_handle<Msg>(aTHX_ ST(0));
+    field_ops<StringField<Msg>>(cv).mut(m)->assign(bytes, len);
+    XSRETURN_EMPTY;
+}
+
+template <class Msg, class T, T (*from_sv)(pTHX_ SV *)> XS_INTERNAL(xs_number_set) {
+    dXSARGS;
+    if (items != 2)
+        croak_xs_usage(cv, "svTHIS, svVAL");
+    const T value = from_sv(aTHX_ ST(1));
+    Msg &m = live_message_from_handle<Msg>(aTHX_ ST(0));
+    field_ops<NumberField<Msg, T>>(cv).set(m, value);
+    XSRETURN_EMPTY;
+}
+
+// ---- address sub-records -------------------------------------------------
+
+// Returns a new quillon_event_log::IPAddr holding a copy: changing it never
+// changes the record.  An absent address reads as an empty one, never undef.
+SV *address_to_sv(pTHX_ const AddressField &f, const Record &m) {
+    return sv_setref_pv(newSV(0), kAddressClass, new Address(f.get(m)));
+}
+
+XS_INTERNAL(xs_address_set) {
+    dXSARGS;
+    if (items != 2)
+        croak_xs_usage(cv, "svTHIS, svVAL");
+    Record &m = live_message_from_handle<Record>(aTHX_ ST(0));
+    SV *val = ST(1);
+    if (!is_object_of(aTHX_ val, kAddressClass, sizeof kAddressClass - 1))
+        croak("%s", kValNotAddress);
+    const Address *from = message_of<Address>(aTHX_ val);
+    if (!from)
+        XSRETURN_EMPTY;  // an empty address handle leaves the field as it was
+    field_ops<AddressField>(cv).mut(m)->CopyFrom(*from);
+    XSRETURN_EMPTY;
+}
+
+// ---- repeated strings ----------------------------------------------------
+
+XS_INTERNAL(xs_list_size) {
+    dXSARGS;
+    if (items != 1)
+        croak_xs_usage(cv, "svTHIS");
+    dXSTARG;
+    const Record &m = live_message_from_handle<Record>(aTHX_ ST(0));
+    XSprePUSH;
+    PUSHi(field_ops<StringListField>(cv).size(m));
+    XSRETURN(1);
+}
+
+XS_INTERNAL(xs_list_clear) {
+    dXSARGS;
+    if (items != 1)
+        croak_xs_usage(cv, "svTHIS");
+    field_ops<StringListField>(cv).clear(live_message_from_handle<Record>(aTHX_ ST(0)));
+    XSRETURN_EMPTY;
+}
+
+// With no index: every element as a list.  With one index: that element, or
+// undef when it is negative or past the end (a negative index does not count
+// from the end).  The index keeps the low 32 bits of its integer value.
+XS_INTERNAL(xs_list_get) {
+    dXSARGS;
+    if (items < 1)
+        croak_xs_usage(cv, "svTHIS, ...");
+    const auto &f = field_ops<StringListField>(cv);
+    const Record *m = record_from_handle(aTHX_ ST(0));
+    if (items > 2)
+        croak("%s", f.index_usage);
+    if (items == 2) {
+        const auto index = static_cast<int32_t>(static_cast<uint32_t>(SvIV(ST(1))));
+        if (!m)
+            XSRETURN_EMPTY;
+        if (index < 0 || index >= f.size(*m))
+            XSRETURN_UNDEF;
+        ST(0) = sv_2mortal(bytes_to_sv(aTHX_ f.get(*m, index)));
+        XSRETURN(1);
+    }
+    if (!m)
+        XSRETURN_EMPTY;
+    const int count = f.size(*m);
+    SP -= items;
+    EXTEND(SP, count);
+    for (int i = 0; i < count; ++i)
+        PUSHs(sv_2mortal(bytes_to_sv(aTHX_ f.get(*m, i))));
+    XSRETURN(count);
+}
+
+XS_INTERNAL(xs_list_add) {
+    dXSARGS;
+    if (items != 2)
+        croak_xs_usage(cv, "svTHIS, svVAL");
+    record_from_handle(aTHX_ ST(0));
+    STRLEN len;
+    const char *bytes = SvPV(ST(1), len);
+    Record &m = live_message_from_handle<Record>(aTHX_ ST(0));
+    field_ops<StringListField>(cv).add(m)->assign(bytes, len);
+    XSRETURN_EMPTY;
+}
+
+// ---- registration --------------------------------------------------------
+
+// One method of a family: its name is prefix + field + suffix.
+struct MethodShape {
+    const char *prefix;
+    const char *suffix;
+    XSUBADDR_t xsub;
+    const char *proto;
+};
+
+template <class Msg> struct SingularFamilies {
+    using S = StringField<Msg>;
+    using U32 = UInt32Field<Msg>;
+    using U64 = UInt64Field<Msg>;
+    using B = BoolField<Msg>;
+    static constexpr MethodShape kString[4] = {
+        {"has_", "", xs_has<Msg>, "$"},
+        {"clear_", "", xs_clear<Msg>, "$"},
+        {"", "", xs_get<S, Msg, string_to_sv<Msg>>, "$"},
+        {"set_", "", xs_string_set<Msg>, "$$"}};
+    static constexpr MethodShape kUInt32[4] = {
+        {"has_", "", xs_has<Msg>, "$"},
+        {"clear_", "", xs_clear<Msg>, "$"},
+        {"", "", xs_get<U32, Msg, uint32_to_sv<Msg>>, "$"},
+        {"set_", "", xs_number_set<Msg, uint32_t, sv_to_uint32>, "$$"}};
+    static constexpr MethodShape kUInt64[4] = {
+        {"has_", "", xs_has<Msg>, "$"},
+        {"clear_", "", xs_clear<Msg>, "$"},
+        {"", "", xs_get<U64, Msg, uint64_field_to_sv<Msg>>, "$"},
+        {"set_", "", xs_number_set<Msg, uint64_t, sv_to_uint64>, "$$"}};
+    static constexpr MethodShape kBool[4] = {
+        {"has_", "", xs_has<Msg>, "$"},
+        {"clear_", "", xs_clear<Msg>, "$"},
+        {"", "", xs_get<B, Msg, bool_to_sv<Msg>>, "$"},
+        {"set_", "", xs_number_set<Msg, bool, sv_to_bool>, "$$"}};
+};
+
+constexpr MethodShape kAddressShapes[4] = {
+    {"has_", "", xs_has<Record>, "$"},
+    {"clear_", "", xs_clear<Record>, "$"},
+    {"", "", xs_get<AddressField, Record, address_to_sv>, "$"},
+    {"set_", "", xs_address_set, "$$"}};
+
+constexpr MethodShape kStringListShapes[4] = {
+    {"", "_size", xs_list_size, "$"},
+    {"clear_", "", xs_list_clear, "$"},
+    {"", "", xs_list_get, "$;@"},
+    {"add_", "", xs_list_add, "$$"}};
+
+template <class Msg> const MethodShape *shapes_of(Family family) {
+    using F = SingularFamilies<Msg>;
+    switch (family) {
+    case Family::String: return F::kString;
+    case Family::UInt32: return F::kUInt32;
+    case Family::UInt64: return F::kUInt64;
+    case Family::Bool: return F::kBool;
+    case Family::Address: return kAddressShapes;
+    case Family::StringList: return kStringListShapes;
+    }
+    return nullptr;
+}
+
+template <class Msg, size_t N>
+void register_fields(pTHX_ const FieldInfo<Msg> (&fields)[N], const char *cls, const char *file) {
+    char name[256];
+    for (const auto &f : fields) {
+        const MethodShape *shapes = shapes_of<Msg>(f.family);
+        for (size_t i = 0; i < 4; ++i) {
+            const MethodShape &s = shapes[i];
+            snprintf(name, sizeof name, "%s::%s%s%s", cls, s.prefix, f.name, s.suffix);
+            CV *cv = newXS_flags(name, s.xsub, file, s.proto, 0);
+            CvXSUBANY(cv).any_ptr = const_cast<void *>(f.ops);
+        }
+    }
+}
+
+}  // namespace
+
+void register_accessors(pTHX_ const char *file) {
+    register_fields(aTHX_ kRecordFields, kRecordClass, file);
+}
+
+void register_address_accessors(pTHX_ const char *file) {
+    register_fields(aTHX_ kAddressFields, kAddressClass, file);
+}
+
+}  // namespace qel

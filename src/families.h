@@ -1,0 +1,113 @@
+// The field families and their typed operations.  Each field of fields.h
+// becomes one constant struct of function pointers, filled from protoc's own
+// accessors by captureless lambdas, so the shared family XSUBs (accessors.cc)
+// and the hash conversions (hash_form.cc) reach every field without reflection
+// and without code of their own per field.
+#ifndef QEL_FAMILIES_H
+#define QEL_FAMILIES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "fields.h"
+#include "quillon_event_log.pb.h"
+
+namespace qel {
+
+using Record = quillon_event_log::QuillonEventLog;
+using Address = quillon_event_log::IPAddr;
+
+enum class Family : unsigned char { String, UInt32, UInt64, Bool, Address, StringList };
+
+// Presence test and clear, common to every singular field.  It is the first
+// member of every singular family's struct, so a pointer to the struct is also
+// a pointer to its Presence: the has_ and clear_ XSUBs serve all families.
+template <class Msg> struct Presence {
+    bool (*has)(const Msg &);
+    void (*clear)(Msg &);
+};
+
+// Strings are written through the mutable accessor (which sets the has-bit)
+// and assigned in place, so a setter needs no temporary std::string.
+template <class Msg> struct StringField {
+    Presence<Msg> presence;
+    const std::string &(*get)(const Msg &);
+    std::string *(*mut)(Msg &);
+};
+
+template <class Msg, class T> struct NumberField {
+    Presence<Msg> presence;
+    T (*get)(const Msg &);
+    void (*set)(Msg &, T);
+};
+template <class Msg> using UInt32Field = NumberField<Msg, uint32_t>;
+template <class Msg> using UInt64Field = NumberField<Msg, uint64_t>;
+template <class Msg> using BoolField = NumberField<Msg, bool>;
+
+struct AddressField {
+    Presence<Record> presence;
+    const Address &(*get)(const Record &);  // never null: the default instance when unset
+    Address *(*mut)(Record &);              // sets the has-bit, creates the address if needed
+};
+
+struct StringListField {
+    int (*size)(const Record &);
+    void (*clear)(Record &);
+    const std::string &(*get)(const Record &, int);
+    std::string *(*add)(Record &);
+    const char *index_usage;  // the getter's message for more than one index
+};
+
+// One field of a message: its name (the Perl method stem and hash key), its
+// family, and its operations (a pointer to one of the structs above).
+template <class Msg> struct FieldInfo {
+    const char *name;
+    size_t len;
+    Family family;
+    const void *ops;
+};
+
+template <class Ops, class Msg> inline const Ops &ops_of(const FieldInfo<Msg> &f) {
+    return *static_cast<const Ops *>(f.ops);
+}
+
+#define QEL_PRESENCE(M, f) {[](const M &m) { return m.has_##f(); }, [](M &m) { m.clear_##f(); }}
+
+#define QEL_String_OPS(M, f)                                          \
+    ::qel::StringField<M>{QEL_PRESENCE(M, f),                         \
+                          [](const M &m) -> const std::string & { return m.f(); }, \
+                          [](M &m) { return m.mutable_##f(); }}
+
+#define QEL_NUMBER_OPS(M, T, f)                                       \
+    ::qel::NumberField<M, T>{QEL_PRESENCE(M, f),                      \
+                             [](const M &m) -> T { return m.f(); },   \
+                             [](M &m, T v) { m.set_##f(v); }}
+#define QEL_UInt32_OPS(M, f) QEL_NUMBER_OPS(M, uint32_t, f)
+#define QEL_UInt64_OPS(M, f) QEL_NUMBER_OPS(M, uint64_t, f)
+#define QEL_Bool_OPS(M, f) QEL_NUMBER_OPS(M, bool, f)
+
+#define QEL_Address_OPS(M, f)                                         \
+    ::qel::AddressField{QEL_PRESENCE(M, f),                           \
+                        [](const M &m) -> const ::qel::Address & { return m.f(); }, \
+                        [](M &m) { return m.mutable_##f(); }}
+
+#define QEL_StringList_OPS(M, f)                                      \
+    ::qel::StringListField{                                           \
+        [](const M &m) { return m.f##_size(); },                      \
+        [](M &m) { m.clear_##f(); },                                  \
+        [](const M &m, int i) -> const std::string & { return m.f(i); }, \
+        [](M &m) { return m.add_##f(); },                             \
+        "Usage: quillon_event_log::QuillonEventLog::" #f "(CLASS, [index])"}
+
+#define QEL_COUNT_FIELD(f, family) +1
+constexpr size_t kRecordFieldCount = 0 QEL_RECORD_FIELDS(QEL_COUNT_FIELD);
+constexpr size_t kAddressFieldCount = 0 QEL_ADDRESS_FIELDS(QEL_COUNT_FIELD);
+
+// The field tables, in field-number order (field_table.cc).
+extern const FieldInfo<Record> kRecordFields[kRecordFieldCount];
+extern const FieldInfo<Address> kAddressFields[kAddressFieldCount];
+
+}  // namespace qel
+
+#endif

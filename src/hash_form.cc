@@ -1,0 +1,179 @@
+// Record <-> Perl hash.  Both directions walk the field tables of
+// field_table.cc, so the keys and their order are the field list itself, and
+// convert values with the accessors' own rules (convert.h).  Key hash values
+// are computed once, so no key is hashed again per call.
+#include "hash_form.h"
+
+#include "convert.h"
+#include "families.h"
+
+namespace qel {
+namespace {
+
+U32 record_key_hash[kRecordFieldCount];
+U32 address_key_hash[kAddressFieldCount];
+
+template <class Msg, size_t N> void hash_keys(const FieldInfo<Msg> (&fields)[N], U32 (&out)[N]) {
+    for (size_t i = 0; i < N; ++i)
+        PERL_HASH(out[i], fields[i].name, fields[i].len);
+}
+
+inline void store(pTHX_ HV *hv, const char *key, size_t len, U32 hash, SV *value) {
+    hv_store(hv, key, static_cast<I32>(len), value, hash);
+}
+
+inline SV *fetch(pTHX_ HV *hv, const char *key, size_t len, U32 hash) {
+    SV **svp = static_cast<SV **>(
+        hv_common_key_len(hv, key, static_cast<I32>(len), HV_FETCH_JUST_SV, nullptr, hash));
+    return svp ? *svp : nullptr;
+}
+
+SV *list_to_sv(pTHX_ const StringListField &f, const Record &m, int count) {
+    AV *av = newAV();
+    av_extend(av, count - 1);
+    SV **slots = AvARRAY(av);
+    for (int i = 0; i < count; ++i)
+        slots[i] = bytes_to_sv(aTHX_ f.get(m, i));
+    AvFILLp(av) = count - 1;
+    return newRV_noinc(reinterpret_cast<SV *>(av));
+}
+
+// Appends one element per existing array element; holes add nothing.  The
+// array's length is asked again before each element, since converting an
+// element may run Perl code.
+void fill_list(pTHX_ const StringListField &f, Record &m, AV *av) {
+    for (SSize_t i = 0; i <= av_len(av); ++i) {
+        SV **elem = av_fetch(av, i, 0);
+        if (!elem)
+            continue;
+        STRLEN len;
+        const char *bytes = SvPV(*elem, len);
+        f.add(m)->assign(bytes, len);
+    }
+}
+
+}  // namespace
+
+void init_hash_keys(pTHX) {
+    hash_keys(kRecordFields, record_key_hash);
+    hash_keys(kAddressFields, address_key_hash);
+}
+
+HV *address_to_hash(pTHX_ const Address &a) {
+    HV *hv = newHV();
+    for (size_t i = 0; i < kAddressFieldCount; ++i) {
+        const auto &fi = kAddressFields[i];
+        const auto &f = ops_of<UInt32Field<Address>>(fi);
+        if (f.presence.has(a))
+            store(aTHX_ hv, fi.name, fi.len, address_key_hash[i], newSVuv(f.get(a)));
+    }
+    return hv;
+}
+
+HV *record_to_hash(pTHX_ const Record &m) {
+    HV *hv = newHV();
+    for (size_t i = 0; i < kRecordFieldCount; ++i) {
+        const auto &fi = kRecordFields[i];
+        SV *value;
+        switch (fi.family) {
+        case Family::String: {
+            const auto &f = ops_of<StringField<Record>>(fi);
+            if (!f.presence.has(m))
+                continue;
+            value = bytes_to_sv(aTHX_ f.get(m));
+            break;
+        }
+        case Family::UInt32: {
+            const auto &f = ops_of<UInt32Field<Record>>(fi);
+            if (!f.presence.has(m))
+                continue;
+            value = newSVuv(f.get(m));
+            break;
+        }
+        case Family::UInt64: {
+            const auto &f = ops_of<UInt64Field<Record>>(fi);
+            if (!f.presence.has(m))
+                continue;
+            value = uint64_to_sv(aTHX_ f.get(m));
+            break;
+        }
+        case Family::Bool: {
+            const auto &f = ops_of<BoolField<Record>>(fi);
+            if (!f.presence.has(m))
+                continue;
+            value = newSViv(f.get(m) ? 1 : 0);
+            break;
+        }
+        case Family::Address: {
+            // A present address always gets its key, with an empty hash when
+            // none of its own fields is set.
+            const auto &f = ops_of<AddressField>(fi);
+            if (!f.presence.has(m))
+                continue;
+            value = newRV_noinc(reinterpret_cast<SV *>(address_to_hash(aTHX_ f.get(m))));
+            break;
+        }
+        case Family::StringList: {
+            // A list has a key only when it holds an element.
+            const auto &f = ops_of<StringListField>(fi);
+            const int count = f.size(m);
+            if (count == 0)
+                continue;
+            value = list_to_sv(aTHX_ f, m, count);
+            break;
+        }
+        default:
+            continue;
+        }
+        store(aTHX_ hv, fi.name, fi.len, record_key_hash[i], value);
+    }
+    return hv;
+}
+
+void fill_address(pTHX_ Address &a, HV *hv) {
+    for (size_t i = 0; i < kAddressFieldCount; ++i) {
+        const auto &fi = kAddressFields[i];
+        if (SV *value = fetch(aTHX_ hv, fi.name, fi.len, address_key_hash[i]))
+            ops_of<UInt32Field<Address>>(fi).set(a, sv_to_uint32(aTHX_ value));
+    }
+}
+
+void fill_record(pTHX_ Record &m, HV *hv) {
+    for (size_t i = 0; i < kRecordFieldCount; ++i) {
+        const auto &fi = kRecordFields[i];
+        SV *value = fetch(aTHX_ hv, fi.name, fi.len, record_key_hash[i]);
+        if (!value)
+            continue;
+        switch (fi.family) {
+        case Family::String: {
+            STRLEN len;
+            const char *bytes = SvPV(value, len);
+            ops_of<StringField<Record>>(fi).mut(m)->assign(bytes, len);
+            break;
+        }
+        case Family::UInt32:
+            ops_of<UInt32Field<Record>>(fi).set(m, sv_to_uint32(aTHX_ value));
+            break;
+        case Family::UInt64:
+            ops_of<UInt64Field<Record>>(fi).set(m, sv_to_uint64(aTHX_ value));
+            break;
+        case Family::Bool:
+            ops_of<BoolField<Record>>(fi).set(m, sv_to_bool(aTHX_ value));
+            break;
+        case Family::Address: {
+            // The key alone makes the address present, whatever its value;
+            // only a nested hash fills it.
+            Address *a = ops_of<AddressField>(fi).mut(m);
+            if (is_hash_ref(value))
+                fill_address(aTHX_ *a, reinterpret_cast<HV *>(SvRV(value)));
+            break;
+        }
+        case Family::StringList:
+            if (SvROK(value) && SvTYPE(SvRV(value)) == SVt_PVAV)
+                fill_list(aTHX_ ops_of<StringListField>(fi), m, reinterpret_cast<AV *>(SvRV(value)));
+            break;
+        }
+    }
+}
+
+}  // namespace qel
