@@ -4,6 +4,8 @@
 // are computed once, so no key is hashed again per call.
 #include "hash_form.h"
 
+#include <cstring>
+
 #include "convert.h"
 #include "families.h"
 
@@ -22,10 +24,25 @@ inline void store(pTHX_ HV *hv, const char *key, size_t len, U32 hash, SV *value
     hv_store(hv, key, static_cast<I32>(len), value, hash);
 }
 
+// A plain hash (no magic, not restricted) is read by walking the key's bucket
+// with the precomputed hash, which is what hv_fetch does for it, minus its
+// generality; tied, magical and restricted hashes go through hv_fetch itself,
+// so their FETCH calls and errors are Perl's own.  Either way a lookup only
+// reads: no key is ever added.
 inline SV *fetch(pTHX_ HV *hv, const char *key, size_t len, U32 hash) {
-    SV **svp = static_cast<SV **>(
-        hv_common_key_len(hv, key, static_cast<I32>(len), HV_FETCH_JUST_SV, nullptr, hash));
-    return svp ? *svp : nullptr;
+    if (SvMAGICAL(hv) || SvREADONLY(hv)) {
+        SV **svp = static_cast<SV **>(
+            hv_common_key_len(hv, key, static_cast<I32>(len), HV_FETCH_JUST_SV, nullptr, hash));
+        return svp ? *svp : nullptr;
+    }
+    if (!HvARRAY(hv))
+        return nullptr;
+    for (HE *he = HvARRAY(hv)[hash & HvMAX(hv)]; he; he = HeNEXT(he)) {
+        if (HeHASH(he) == hash && HeKLEN(he) == static_cast<I32>(len) && !HeKUTF8(he) &&
+            std::memcmp(HeKEY(he), key, len) == 0)
+            return HeVAL(he) == &PL_sv_placeholder ? nullptr : HeVAL(he);
+    }
+    return nullptr;
 }
 
 SV *list_to_sv(pTHX_ const StringListField &f, const Record &m, int count) {
@@ -70,8 +87,23 @@ HV *address_to_hash(pTHX_ const Address &a) {
     return hv;
 }
 
+// Present fields, counted to size the hash once instead of splitting it as
+// it fills.
+size_t count_present(const Record &m) {
+    size_t count = 0;
+    for (const auto &fi : kRecordFields) {
+        if (fi.family == Family::StringList)
+            count += ops_of<StringListField>(fi).size(m) != 0;
+        else  // every singular family's ops begin with its Presence
+            count += static_cast<const Presence<Record> *>(fi.ops)->has(m);
+    }
+    return count;
+}
+
 HV *record_to_hash(pTHX_ const Record &m) {
     HV *hv = newHV();
+    if (const size_t count = count_present(m); count > 7)
+        hv_ksplit(hv, count);
     for (size_t i = 0; i < kRecordFieldCount; ++i) {
         const auto &fi = kRecordFields[i];
         SV *value;
