@@ -113,7 +113,7 @@ new(CLASS, ...)
     Record *m = new Record;
     /* The mortal handle owns the record from here on, so a hash whose reading
      * dies frees it. */
-    SV *handle = new_handle(aTHX_ kRecordClass, m);
+    SV *handle = new_handle(aTHX_ class_stash(aTHX_ cv, kRecordClass), m);
     if (items == 2) {
         SV *arg = ST(1);
         if (is_hash_ref(arg)) {

@@ -20,7 +20,7 @@ XS_INTERNAL(xs_address_new) {
     if (std::strcmp(cls, kAddressClass) != 0)  // subclass names too, as for records
         croak(kInvalidClass, cls);
     Address *a = new Address;
-    SV *handle = new_handle(aTHX_ kAddressClass, a);  // frees `a` should filling die
+    SV *handle = new_handle(aTHX_ class_stash(aTHX_ cv, kAddressClass), a);  // frees `a` should filling die
     if (items == 2 && is_hash_ref(ST(1)))
         fill_address(aTHX_ *a, reinterpret_cast<HV *>(SvRV(ST(1))));
     ST(0) = handle;

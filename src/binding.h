@@ -95,9 +95,18 @@ template <class Msg> inline Msg &live_message_from_handle(pTHX_ SV *sv) {
     return *m;
 }
 
-// A new mortal reference, blessed into `cls`, to a new scalar holding `ptr`.
-inline SV *new_handle(pTHX_ const char *cls, void *ptr) {
-    return sv_setref_pv(sv_newmortal(), cls, ptr);
+// A new mortal reference, blessed into `stash`, to a new scalar holding `ptr`.
+inline SV *new_handle(pTHX_ HV *stash, void *ptr) {
+    SV *handle = sv_newmortal();
+    sv_setiv(newSVrv(handle, nullptr), PTR2IV(ptr));
+    return sv_bless(handle, stash);
+}
+
+// The stash of the class a constructor XSUB was installed in, without a
+// symbol-table lookup per call.
+inline HV *class_stash(pTHX_ CV *cv, const char *cls) {
+    HV *stash = GvSTASH(CvGV(cv));
+    return stash ? stash : gv_stashpv(cls, GV_ADD);
 }
 
 // DESTROY: frees the message and zeroes the handle, so a second DESTROY (an
