@@ -1,0 +1,69 @@
+# No Perl value leaks from any method family, on success and on every error
+# path: usage errors, type errors, and a tied argument that dies inside a
+# method.  C++ memory is checked by running the suite under valgrind.
+use strict;
+use warnings;
+use Test::More;
+use lib 't/lib';
+use QelTest;
+
+BEGIN {
+    eval { require Test::LeakTrace; Test::LeakTrace->import; 1 }
+        or plan skip_all => 'Test::LeakTrace not installed (apt-get install libtest-leaktrace-perl)';
+}
+use quillon_event_log::QuillonEventLog;
+
+my $C = 'quillon_event_log::QuillonEventLog';
+my $A = 'quillon_event_log::IPAddr';
+
+package Dies {
+    sub TIESCALAR { bless {}, shift }
+    sub FETCH     { die "fetch died\n" }
+}
+
+my %full = (
+    bot_name => 'curl', client_ip => { ip0 => 1, rtdom_id => 7 }, dest_ip => {},
+    src_port => 443, device_id => '18446744073709551615', mobile_is_app => 1,
+    anomalies => [ 'a', '', 'c' ], anomaly_categories => ['x'], host => "h\0st",
+);
+my $bytes = $C->new(\%full)->pack;
+
+my %cases = (
+    'new, every shape'        => sub { $C->new; $C->new(\%full); $C->new($bytes); $C->new(undef); $C->new(1, 2) },
+    'string family'           => sub { my $r = $C->new; $r->set_host('x'); $r->host; $r->has_host; $r->clear_host },
+    'uint32 family'           => sub { my $r = $C->new; $r->set_src_port(-1); $r->src_port; $r->has_src_port; $r->clear_src_port },
+    'uint64 family'           => sub { my $r = $C->new; $r->set_device_id('0x10'); $r->device_id; $r->has_device_id; $r->clear_device_id },
+    'bool family'             => sub { my $r = $C->new; $r->set_mobile_is_app(2); $r->mobile_is_app; $r->has_mobile_is_app; $r->clear_mobile_is_app },
+    'address family'          => sub { my $r = $C->new(\%full); my $a = $r->client_ip; $r->set_dest_ip($a); $r->has_dest_ip; $r->clear_client_ip },
+    'list family'             => sub { my $r = $C->new(\%full); my @l = $r->anomalies; $r->anomalies(1); $r->anomalies(9); $r->add_anomalies('d'); $r->anomalies_size; $r->clear_anomalies },
+    'whole-record methods'    => sub {
+        my $r = $C->new(\%full); my $o = $C->new;
+        $o->copy_from($r); $o->merge_from($r); $o->copy_from(\%full); $o->merge_from(\%full);
+        $o->clear; $r->is_initialized; $r->error_string; $r->discard_unkown_fields;
+        $r->debug_string; $r->short_debug_string; my @f = $r->fields;
+    },
+    'pack, unpack, length'    => sub { my $r = $C->new(\%full); my $b = $r->pack; $r->unpack($b); $r->unpack("\x0a\x05ab"); $r->length; $C->new->pack },
+    'to_hashref'              => sub { my $h = $C->new(\%full)->to_hashref },
+    'address class'           => sub { my $a = $A->new({ ip0 => 1 }); $a->set_ip1(2); $a->ip1; $a->has_ip2; $a->clear_ip0; my $h = $a->to_hashref },
+    'explicit DESTROY'        => sub { my $r = $C->new(\%full); $r->DESTROY; $r->pack; my $h = $r->to_hashref },
+    'usage errors'            => sub { my $r = $C->new; eval { $r->bot_name(1) }; eval { $r->set_bot_name }; eval { $r->anomalies(1, 2) }; eval { $C->new('X') } },
+    'type errors'             => sub { my $r = $C->new; eval { $r->set_dest_ip({}) }; eval { quillon_event_log::QuillonEventLog::pack({}) }; eval { $C->can('host')->([]) } },
+    'empty handle errors'     => sub { my $z = bless \(my $x = 0), $C; eval { $z->has_host }; eval { $z->set_src_port(1) }; eval { $z->add_anomalies('a') } },
+    'tied value dies in a setter' => sub {
+        my $r = $C->new; tie my $t, 'Dies';
+        eval { $r->set_host($t) }; eval { $r->set_src_port($t) }; eval { $r->set_device_id($t) }; eval { $r->add_anomalies($t) };
+    },
+    'tied value dies in a hash' => sub {
+        tie my $t, 'Dies';
+        eval { $C->new({ bot_name => 'a', host => $t }) };
+        my $r = $C->new; eval { $r->copy_from({ bot_name => 'a', host => $t }) }; eval { $r->merge_from({ anomalies => [ 'a', $t ] }) };
+        eval { $A->new({ ip0 => $t }) };
+    },
+);
+
+for my $name (sort keys %cases) {
+    $cases{$name}->();    # warm up: first calls may cache
+    no_leaks_ok { $cases{$name}->() } "no leaks: $name";
+}
+
+done_testing;
