@@ -1,5 +1,5 @@
-# The schema, the test suite's own field table, `fields` and the registered
-# XSUBs (names, count, prototypes) must all describe the same 59 fields.
+# The schema, `fields` and the registered XSUBs (names, count, prototypes) must
+# all describe the same 59 fields, and those must be the fields listed below.
 use strict;
 use warnings;
 use Test::More;
@@ -10,7 +10,72 @@ use QelTest qw(:all);
 use quillon_event_log::QuillonEventLog;
 
 my $PKG = 'quillon_event_log::QuillonEventLog';
-my @table = field_table();    # [name, number, kind]
+
+# The record's fields as [name, number, type, label], in field-number order.
+# Written out here on purpose, and only here: the rest of the suite reads the
+# field list from the .proto, so this list is what notices an accidental edit
+# of the schema. Adding a field means adding its row here too.
+my @EXPECTED = (
+    [bot_name                               =>  1, 'string', 'optional'],
+    [profile_name                           =>  2, 'string', 'optional'],
+    [virtual_server_name                    =>  3, 'string', 'optional'],
+    [client_ip                              =>  4, 'IPAddr', 'optional'],
+    [dest_ip                                =>  5, 'IPAddr', 'optional'],
+    [request_uri                            =>  7, 'string', 'optional'],
+    [http_request                           =>  8, 'string', 'optional'],
+    [bot_signature                          =>  9, 'string', 'optional'],
+    [microservice_name                      => 10, 'string', 'optional'],
+    [microservice_matched_wildcard_url      => 11, 'string', 'optional'],
+    [configured_mitigation_action_reason    => 12, 'string', 'optional'],
+    [actual_mitigation_action_reason        => 13, 'string', 'optional'],
+    [actual_verification_action_reason      => 14, 'string', 'optional'],
+    [reason                                 => 15, 'string', 'optional'],
+    [mobile_app_display_name                => 16, 'string', 'optional'],
+    [mobile_app_version                     => 17, 'string', 'optional'],
+    [mobile_imei                            => 18, 'string', 'optional'],
+    [src_port                               => 19, 'uint32', 'optional'],
+    [dest_port                              => 20, 'uint32', 'optional'],
+    [device_id                              => 21, 'uint64', 'optional'],
+    [session_id                             => 22, 'uint64', 'optional'],
+    [support_id                             => 23, 'uint64', 'optional'],
+    [previous_support_id                    => 24, 'uint64', 'optional'],
+    [mobile_is_app                          => 25, 'bool',   'optional'],
+    [mobile_is_human_behaviour              => 26, 'string', 'optional'],
+    [request_time                           => 27, 'uint32', 'optional'],
+    [previous_request_time                  => 28, 'uint32', 'optional'],
+    [http_method                            => 29, 'string', 'optional'],
+    [country_code                           => 30, 'string', 'optional'],
+    [classification                         => 32, 'string', 'optional'],
+    [bot_signature_category                 => 33, 'string', 'optional'],
+    [microservice_type                      => 34, 'string', 'optional'],
+    [captcha_status                         => 35, 'string', 'optional'],
+    [browser_verification_status            => 36, 'string', 'optional'],
+    [device_id_status                       => 37, 'string', 'optional'],
+    [device_id_action                       => 38, 'string', 'optional'],
+    [previous_initiated_action              => 39, 'string', 'optional'],
+    [previous_initiated_action_status       => 40, 'string', 'optional'],
+    [mobile_os_id                           => 41, 'string', 'optional'],
+    [mobile_app_emulation_mode              => 42, 'string', 'optional'],
+    [mobile_app_jailbroken_rooted           => 43, 'string', 'optional'],
+    [anomaly_categories                     => 44, 'string', 'repeated'],
+    [anomalies                              => 45, 'string', 'repeated'],
+    [configured_mitigation_action           => 46, 'string', 'optional'],
+    [actual_mitigation_action               => 47, 'string', 'optional'],
+    [browser_configured_verification_action => 48, 'string', 'optional'],
+    [browser_actual_verification_action     => 49, 'string', 'optional'],
+    [is_https_request                       => 50, 'bool',   'optional'],
+    [additional_signatures                  => 51, 'string', 'optional'],
+    [slot_number                            => 52, 'uint32', 'optional'],
+    [host                                   => 53, 'string', 'optional'],
+    [request_status                         => 54, 'string', 'optional'],
+    [microservice_matched_wildcard_host     => 55, 'string', 'optional'],
+    [enforced_by                            => 56, 'string', 'optional'],
+    [primary_anomaly_category               => 57, 'string', 'optional'],
+    [mobile_debugger_enabled_device         => 58, 'string', 'optional'],
+    [is_update_request                      => 59, 'bool',   'optional'],
+    [challenge_failure_reason               => 60, 'string', 'optional'],
+    [http_protocol_info                     => 61, 'string', 'optional'],
+);
 
 # ---- the .proto itself -------------------------------------------------------
 
@@ -33,14 +98,11 @@ is_deeply \@addr, [
 
 my @pf = proto_fields();
 is scalar @pf, 59, 'QuillonEventLog declares 59 fields';
+is scalar @EXPECTED, 59, 'the expected list has 59 rows';
 
-my %proto_type = (string => 'string', uint32 => 'uint32', uint64 => 'uint64',
-                  bool => 'bool', address => 'IPAddr', list => 'string');
-for my $i (0 .. $#table) {
-    my ($name, $num, $kind) = @{ $table[$i] };
-    my $label = $kind eq 'list' ? 'repeated' : 'optional';
-    is_deeply $pf[$i], [$name, $num, $label, $proto_type{$kind}],
-        "proto field $i is $label $proto_type{$kind} $name = $num";
+for my $i (0 .. $#EXPECTED) {
+    my ($name, $num, $type, $label) = @{ $EXPECTED[$i] };
+    is_deeply $pf[$i], [$name, $num, $label, $type], "proto field $i is $label $type $name = $num";
 }
 
 my @numbers = map { $_->[1] } @pf;
@@ -53,33 +115,53 @@ unlike $proto, qr/\bdefault\s*=/, 'no field declares a default';
 unlike $proto, qr/\brequired\b/, 'no field is required';
 is scalar(grep { $_->[2] eq 'repeated' } @pf), 2, 'exactly two repeated fields';
 
+# ---- the suite's reading of the .proto (t/lib/QelTest.pm) --------------------
+
+# The family of an expected row: repeated strings are lists, IPAddr fields
+# addresses, the others are named by their type.
+sub family_of_row {
+    my (undef, undef, $type, $label) = @{ $_[0] };
+    return $label eq 'repeated' ? 'list' : $type eq 'IPAddr' ? 'address' : $type;
+}
+
+is_deeply [field_table()], [map { [$_->[0], $_->[1], family_of_row($_)] } @EXPECTED],
+    'field_table: every expected field with its number and family, in field-number order';
+is_deeply [field_names()], [map { $_->[0] } @EXPECTED], 'field_names: the expected names in field-number order';
+for my $family (qw(string uint32 uint64 bool address list)) {
+    is_deeply [family_fields($family)], [map { $_->[0] } grep { family_of_row($_) eq $family } @EXPECTED],
+        "family_fields('$family'): the expected $family fields in field-number order";
+}
+is_deeply [address_fields()], [qw(ip0 ip1 ip2 ip3 rtdom_id)], 'address_fields: ip0 ip1 ip2 ip3 rtdom_id';
+eval { family_fields('int32') };
+like $@, qr/^family_fields: unknown family 'int32'\n\z/, 'family_fields refuses a family that does not exist';
+
 my %count;
-$count{ $_->[2] }++ for @table;
+$count{ $_->[2] }++ for field_table();
 is_deeply \%count, { string => 43, uint32 => 5, uint64 => 4, bool => 3, address => 2, list => 2 },
     'families: 43 strings, 5 uint32, 4 uint64, 3 bool, 2 addresses, 2 lists';
 
 # The string fields whose names read as yes/no attributes stay strings.
-my %kind = map { $_->[0] => $_->[2] } @table;
 for my $f (qw(mobile_is_human_behaviour mobile_app_emulation_mode
               mobile_app_jailbroken_rooted mobile_debugger_enabled_device)) {
-    is $kind{$f}, 'string', "$f is a string field";
+    is family_of($f), 'string', "$f is a string field";
 }
 
 # ---- `fields` ----------------------------------------------------------------
 
 my @names = $PKG->fields;
 is_deeply \@names, [map { $_->[0] } @pf], '`fields` returns the 59 names of the .proto in declaration order';
+is_deeply \@names, [map { $_->[0] } @EXPECTED], '`fields` returns the 59 expected names in field-number order';
 is scalar @names, 59, '`fields` returns 59 names';
 
 # ---- per-field methods -------------------------------------------------------
 
-for my $f (@table) {
-    my ($name, undef, $kind) = @$f;
-    my @methods = $kind eq 'list'
+for my $f (@EXPECTED) {
+    my ($name, undef, undef, $label) = @$f;
+    my @methods = $label eq 'repeated'
         ? ("${name}_size", "clear_$name", $name, "add_$name")
         : ("has_$name", "clear_$name", $name, "set_$name");
     ok $PKG->can($_), "$PKG can $_" for @methods;
-    if ($kind eq 'list') {
+    if ($label eq 'repeated') {
         ok !$PKG->can("has_$name"), "no has_$name for the repeated field";
         ok !$PKG->can("set_$name"), "no set_$name for the repeated field";
     }
@@ -97,9 +179,9 @@ my @whole = qw(new DESTROY copy_from merge_from clear is_initialized error_strin
 my %expected_proto = map { $_ => '$' } @whole;
 $expected_proto{$_} = '$$' for qw(copy_from merge_from unpack);
 $expected_proto{new} = '$;@';
-for my $f (@table) {
-    my ($name, undef, $kind) = @$f;
-    if ($kind eq 'list') {
+for my $f (@EXPECTED) {
+    my ($name, undef, undef, $label) = @$f;
+    if ($label eq 'repeated') {
         @expected_proto{"${name}_size", "clear_$name", $name, "add_$name"} = ('$', '$', '$;@', '$$');
     }
     else {

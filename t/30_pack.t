@@ -241,7 +241,7 @@ for my $u (@unknown) {
 
 # ---- length sweep ------------------------------------------------------------
 
-my @strings = map { $_->[0] } grep { $_->[2] eq 'string' } field_table();
+my @strings = family_fields('string');
 my %num = map { $_->[0] => $_->[1] } field_table();
 my $PATTERN = join '', map { chr((($_ * 37) + 11) % 128) } 0 .. 4095;
 $PATTERN x= 300;    # about 1.2 MB of bytes 0..127

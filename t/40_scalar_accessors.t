@@ -7,36 +7,22 @@ use strict;
 use warnings;
 use Test::More;
 use B ();
+use FindBin;
+use lib "$FindBin::Bin/lib";
+use QelTest qw($CLASS family_fields error_of code_for usage_re $TYPE_RE $EMPTY_RE
+               flags_of is_string_sv is_int_sv present_fields empty_handle_ok);
 
 use quillon_event_log::QuillonEventLog;
 
-my $CLASS = 'quillon_event_log::QuillonEventLog';
-
-my @STRING = qw(
-    bot_name profile_name virtual_server_name request_uri http_request
-    bot_signature microservice_name microservice_matched_wildcard_url
-    configured_mitigation_action_reason actual_mitigation_action_reason
-    actual_verification_action_reason reason mobile_app_display_name
-    mobile_app_version mobile_imei mobile_is_human_behaviour http_method
-    country_code classification bot_signature_category microservice_type
-    captcha_status browser_verification_status device_id_status
-    device_id_action previous_initiated_action previous_initiated_action_status
-    mobile_os_id mobile_app_emulation_mode mobile_app_jailbroken_rooted
-    configured_mitigation_action actual_mitigation_action
-    browser_configured_verification_action browser_actual_verification_action
-    additional_signatures host request_status microservice_matched_wildcard_host
-    enforced_by primary_anomaly_category mobile_debugger_enabled_device
-    challenge_failure_reason http_protocol_info
-);
-my @UINT32 = qw(src_port dest_port request_time previous_request_time slot_number);
-my @UINT64 = qw(device_id session_id support_id previous_support_id);
-my @BOOL   = qw(mobile_is_app is_https_request is_update_request);
+my @STRING = family_fields('string');
+my @UINT32 = family_fields('uint32');
+my @UINT64 = family_fields('uint64');
+my @BOOL   = family_fields('bool');
 
 my %FAMILY;
-$FAMILY{$_} = 'string' for @STRING;
-$FAMILY{$_} = 'uint32' for @UINT32;
-$FAMILY{$_} = 'uint64' for @UINT64;
-$FAMILY{$_} = 'bool'   for @BOOL;
+for my $fam (qw(string uint32 uint64 bool)) {
+    $FAMILY{$_} = $fam for family_fields($fam);
+}
 my @SCALAR = grep { $FAMILY{$_} } $CLASS->fields;
 
 is scalar(@STRING), 43, '43 string fields';
@@ -55,33 +41,19 @@ my %SAMPLE = (
     bool   => sub { 1 },
 );
 
-sub code_for {
-    my ($name, $class) = @_;
-    $class //= $CLASS;
-    no strict 'refs';
-    return \&{"${class}::$name"};
-}
-
-# Runs $code and returns the exception, or undef when nothing died.
-sub error_of (&) {
-    my ($code) = @_;
-    local $@;
-    return eval { $code->(); 1 } ? undef : $@;
-}
-
-sub usage_re {
-    my ($method, $usage) = @_;
-    return qr/^\QUsage: ${CLASS}::$method($usage)\E at \S+ line \d+\.\n\z/;
-}
-
-my $TYPE_RE  = qr/^\QTHIS is not of type quillon_event_log::QuillonEventLog\E at \S+ line \d+\.\n\z/;
-my $EMPTY_RE = qr/^\QTHIS holds no quillon_event_log::QuillonEventLog record\E at \S+ line \d+\.\n\z/;
-
-sub flags_of { B::svref_2object(\$_[0])->FLAGS }
-
-sub present_fields {
-    my ($r) = @_;
-    return [ grep { my $h = "has_$_"; $r->$h } @SCALAR ];
+# stores_as($field, $in, $want, $name, $present_name): set_$field($in) on a new
+# record reads back as $want and makes the field present.
+sub stores_as {
+    my ($f, $in, $want, $name, $present_name) = @_;
+    my ($set, $has) = ("set_$f", "has_$f");
+    my $r = $CLASS->new;
+    {
+        # Conversion warnings for odd values are the interpreter's business.
+        no warnings qw(numeric uninitialized);
+        $r->$set($in);
+    }
+    is $r->$f, $want, "$f: $name";
+    is $r->$has, 1, "$f: $present_name";
 }
 
 # ---------------------------------------------------------------------------
@@ -134,32 +106,25 @@ for my $f (@SCALAR) {
     ok(($fl & B::SVf_POK), 'uint64 default "0" is a string scalar');
     ok(!($fl & B::SVf_IOK), 'uint64 default "0" is not an integer scalar');
 
-    for my $f (@UINT64) {
-        my $set = "set_$f";
-        $r->$set('18446744073709551615');
-        my $got = $r->$f;
-        my $flags = flags_of($got);
-        ok(($flags & B::SVf_POK) && !($flags & B::SVf_IOK) && !($flags & B::SVf_NOK),
-            "$f: getter returns a string scalar, not a number");
-        is $got, '18446744073709551615', "$f: largest 64-bit value comes back as decimal text";
-    }
-
-    for my $f (@UINT32) {
-        my $set = "set_$f";
-        $r->$set(4294967295);
-        my $got = $r->$f;
-        ok((flags_of($got) & B::SVf_IOK) && !(flags_of($got) & B::SVf_POK),
-            "$f: getter returns an integer scalar");
-        is $got, 4294967295, "$f: largest 32-bit value comes back whole";
-    }
-
-    for my $f (@BOOL) {
-        my $set = "set_$f";
-        $r->$set(7);
-        my $got = $r->$f;
-        ok((flags_of($got) & B::SVf_IOK) && !(flags_of($got) & B::SVf_POK),
-            "$f: getter returns an integer scalar");
-        is $got, 1, "$f: true reads as exactly 1";
+    # [family, value set, value read back, test of the scalar's form, what
+    # the form test says, what the value test says]
+    my @forms = (
+        [ uint64 => '18446744073709551615', '18446744073709551615', \&is_string_sv,
+          'getter returns a string scalar, not a number', 'largest 64-bit value comes back as decimal text' ],
+        [ uint32 => 4294967295, 4294967295, \&is_int_sv,
+          'getter returns an integer scalar', 'largest 32-bit value comes back whole' ],
+        [ bool => 7, 1, \&is_int_sv,
+          'getter returns an integer scalar', 'true reads as exactly 1' ],
+    );
+    for my $form (@forms) {
+        my ($fam, $in, $want, $is_form, $form_name, $value_name) = @$form;
+        for my $f (family_fields($fam)) {
+            my $set = "set_$f";
+            $r->$set($in);
+            my $got = $r->$f;
+            ok $is_form->($got), "$f: $form_name";
+            is $got, $want, "$f: $value_name";
+        }
     }
 
     for my $f (@STRING) {
@@ -192,25 +157,8 @@ for my $f (@SCALAR) {
         [ -4294967295,  1,          '-4294967295 wraps to 1' ],
     );
     for my $f (@UINT32) {
-        my $set = "set_$f";
-        my $has = "has_$f";
-        for my $c (@cases) {
-            my ($in, $want, $name) = @$c;
-            my $r = $CLASS->new;
-            {
-                no warnings qw(numeric);
-                $r->$set($in);
-            }
-            is $r->$f, $want, "$f: $name";
-            is $r->$has, 1, "$f: present after storing converted value ($name)";
-        }
-        my $r = $CLASS->new;
-        {
-            no warnings qw(uninitialized);
-            $r->$set(undef);
-        }
-        is $r->$f, 0, "$f: undef is stored as 0";
-        is $r->$has, 1, "$f: undef still makes the field present";
+        stores_as($f, @$_, "present after storing converted value ($_->[2])") for @cases;
+        stores_as($f, undef, 0, 'undef is stored as 0', 'undef still makes the field present');
     }
 }
 
@@ -240,22 +188,8 @@ for my $f (@SCALAR) {
         [ '089',                  '0',                    '"089" stops at the first non-octal digit' ],
     );
     for my $f (@UINT64) {
-        my $set = "set_$f";
-        my $has = "has_$f";
-        for my $c (@cases) {
-            my ($in, $want, $name) = @$c;
-            my $r = $CLASS->new;
-            $r->$set($in);
-            is $r->$f, $want, "$f: $name";
-            is $r->$has, 1, "$f: present after storing ($name)";
-        }
-        my $r = $CLASS->new;
-        {
-            no warnings qw(uninitialized);
-            $r->$set(undef);
-        }
-        is $r->$f, '0', "$f: undef is stored as 0";
-        is $r->$has, 1, "$f: undef still makes the field present";
+        stores_as($f, @$_, "present after storing ($_->[2])") for @cases;
+        stores_as($f, undef, '0', 'undef is stored as 0', 'undef still makes the field present');
     }
 }
 
@@ -280,18 +214,7 @@ for my $f (@SCALAR) {
         [ 4294967296,   1, '4294967296 stores true (no 32-bit cut)' ],
     );
     for my $f (@BOOL) {
-        my $set = "set_$f";
-        my $has = "has_$f";
-        for my $c (@cases) {
-            my ($in, $want, $name) = @$c;
-            my $r = $CLASS->new;
-            {
-                no warnings qw(numeric);
-                $r->$set($in);
-            }
-            is $r->$f, $want, "$f: $name";
-            is $r->$has, 1, "$f: present after storing ($name)";
-        }
+        stores_as($f, @$_, "present after storing ($_->[2])") for @cases;
     }
 }
 
@@ -369,15 +292,9 @@ for my $f (@SCALAR) {
 }
 
 # ---------------------------------------------------------------------------
-# Order of VAL conversion and the invocant check.
+# Order of VAL conversion and the invocant check (CountingScalar, from
+# QelTest, counts the fetches of a tied VAL).
 # ---------------------------------------------------------------------------
-{
-    package CountingScalar;
-    sub TIESCALAR { my ($class, $value) = @_; bless { value => $value, fetches => 0 }, $class }
-    sub FETCH     { my $self = shift; $self->{fetches}++; $self->{value} }
-    sub STORE     { $_[0]{value} = $_[1] }
-}
-
 {
     my $other = bless {}, 'Some::Other::Class';
     my @converted_first = (
@@ -494,18 +411,7 @@ for my $f (@SCALAR) {
 {
     my $empty = bless \(my $zero = 0), $CLASS;
     for my $f ($STRING[0], $UINT32[0], $UINT64[0], $BOOL[0]) {
-        my @got = $empty->$f;
-        is scalar(@got), 0, "$f on an empty handle returns the empty list";
-        my $err;
-        my $has = "has_$f";
-        $err = error_of { $empty->$has };
-        like $err, $EMPTY_RE, "has_$f on an empty handle dies";
-        my $clear = "clear_$f";
-        $err = error_of { $empty->$clear };
-        like $err, $EMPTY_RE, "clear_$f on an empty handle dies";
-        my $set = "set_$f";
-        $err = error_of { $empty->$set(1) };
-        like $err, $EMPTY_RE, "set_$f on an empty handle dies";
+        empty_handle_ok($empty, $f, 1, $EMPTY_RE, 'empty handle');
     }
 
     my $r = $CLASS->new;

@@ -6,73 +6,29 @@ use strict;
 use warnings;
 use Test::More;
 use Scalar::Util qw(refaddr);
-use B ();
+use FindBin;
+use lib "$FindBin::Bin/lib";
+use QelTest qw($CLASS $ADDR_CLASS family_fields family_of field_names error_of
+               usage_re $TYPE_RE is_string_sv is_int_sv ip_fields);
 
 use quillon_event_log::QuillonEventLog;
 
-my $CLASS = 'quillon_event_log::QuillonEventLog';
-my $IP    = 'quillon_event_log::IPAddr';
-
-my @STRING = qw(
-    bot_name profile_name virtual_server_name request_uri http_request
-    bot_signature microservice_name microservice_matched_wildcard_url
-    configured_mitigation_action_reason actual_mitigation_action_reason
-    actual_verification_action_reason reason mobile_app_display_name
-    mobile_app_version mobile_imei mobile_is_human_behaviour http_method
-    country_code classification bot_signature_category microservice_type
-    captcha_status browser_verification_status device_id_status
-    device_id_action previous_initiated_action previous_initiated_action_status
-    mobile_os_id mobile_app_emulation_mode mobile_app_jailbroken_rooted
-    configured_mitigation_action actual_mitigation_action
-    browser_configured_verification_action browser_actual_verification_action
-    additional_signatures host request_status microservice_matched_wildcard_host
-    enforced_by primary_anomaly_category mobile_debugger_enabled_device
-    challenge_failure_reason http_protocol_info
-);
-my @UINT32  = qw(src_port dest_port request_time previous_request_time slot_number);
-my @UINT64  = qw(device_id session_id support_id previous_support_id);
-my @BOOL    = qw(mobile_is_app is_https_request is_update_request);
-my @ADDRESS = qw(client_ip dest_ip);
-my @LISTS   = qw(anomaly_categories anomalies);
-my @IPF     = qw(ip0 ip1 ip2 ip3 rtdom_id);
-
-my %FAMILY;
-$FAMILY{$_} = 'string'  for @STRING;
-$FAMILY{$_} = 'uint32'  for @UINT32;
-$FAMILY{$_} = 'uint64'  for @UINT64;
-$FAMILY{$_} = 'bool'    for @BOOL;
-$FAMILY{$_} = 'address' for @ADDRESS;
-$FAMILY{$_} = 'list'    for @LISTS;
+my $IP     = $ADDR_CLASS;
+my @STRING = family_fields('string');
 my @FIELDS = $CLASS->fields;
-
-sub error_of (&) {
-    my ($code) = @_;
-    local $@;
-    return eval { $code->(); 1 } ? undef : $@;
-}
-
-sub flags_of { B::svref_2object(\$_[0])->FLAGS }
-sub is_string_sv { my $fl = flags_of($_[0]); ($fl & B::SVf_POK) && !($fl & (B::SVf_IOK | B::SVf_NOK)) }
-sub is_int_sv    { my $fl = flags_of($_[0]); ($fl & B::SVf_IOK) && !($fl & B::SVf_POK) }
 
 # Everything observable through the accessors, has-bits included.
 sub snapshot {
     my ($r) = @_;
     my %s;
     for my $f (@FIELDS) {
-        my $fam = $FAMILY{$f};
+        my $fam = family_of($f);
         if ($fam eq 'list') {
             $s{$f} = [ $r->$f ];
         }
         elsif ($fam eq 'address') {
             my $has = "has_$f";
-            my $a = $r->$f;
-            my %ip;
-            for my $i (@IPF) {
-                my $hi = "has_$i";
-                $ip{$i} = $a->$i if $a->$hi;
-            }
-            $s{$f} = [ $r->$has, \%ip ];
+            $s{$f} = [ $r->$has, ip_fields($r->$f) ];
         }
         else {
             my $has = "has_$f";
@@ -84,35 +40,8 @@ sub snapshot {
 
 my $EMPTY_SNAPSHOT = snapshot($CLASS->new);
 
-# A record with every field set; some of them to their default values.
-sub rich_record {
-    my $r = $CLASS->new;
-    for my $f (@STRING) {
-        my $set = "set_$f";
-        $r->$set("s:$f");
-    }
-    $r->set_bot_name("bot\0name");
-    $r->set_reason('');
-    $r->set_host("h\x{263a}.example");
-    $r->set_src_port(8080);
-    $r->set_dest_port(0);
-    $r->set_request_time(1700000000);
-    $r->set_previous_request_time(4294967295);
-    $r->set_slot_number(3);
-    $r->set_device_id('18446744073709551615');
-    $r->set_session_id('0');
-    $r->set_support_id('1234567890123');
-    $r->set_previous_support_id('42');
-    $r->set_mobile_is_app(1);
-    $r->set_is_https_request(0);
-    $r->set_is_update_request(1);
-    $r->set_client_ip($IP->new({ ip0 => 10, ip1 => 20, ip2 => 30, ip3 => 40, rtdom_id => 1 }));
-    $r->set_dest_ip($IP->new({ ip0 => 0, rtdom_id => 7 }));
-    $r->add_anomaly_categories($_) for 'c1', '', 'c3';
-    $r->add_anomalies('x');
-    return $r;
-}
-
+# The hash form of a record with every field set, some of them to their
+# default values.
 my %RICH_HASH = (
     (map { $_ => "s:$_" } @STRING),
     bot_name              => "bot\0name",
@@ -135,6 +64,27 @@ my %RICH_HASH = (
     anomaly_categories    => [ 'c1', '', 'c3' ],
     anomalies             => [ 'x' ],
 );
+
+# The same record built with the setters, without the hash reader: the
+# addresses as IPAddr objects, the lists element by element, and host as the
+# character string whose UTF-8 bytes %RICH_HASH holds.
+sub rich_record {
+    my $r = $CLASS->new;
+    for my $f (grep { exists $RICH_HASH{$_} } field_names()) {
+        my $v   = $RICH_HASH{$f};
+        my $fam = family_of($f);
+        if ($fam eq 'list') {
+            my $add = "add_$f";
+            $r->$add($_) for @$v;
+        }
+        else {
+            my $set = "set_$f";
+            $r->$set($fam eq 'address' ? $IP->new($v) : $v);
+        }
+    }
+    $r->set_host("h\x{263a}.example");
+    return $r;
+}
 
 # ===========================================================================
 # to_hashref
@@ -232,9 +182,9 @@ my %RICH_HASH = (
     ok !defined($none), 'to_hashref on an empty handle gives no defined value';
 
     my $err = error_of { $r->to_hashref(1) };
-    like $err, qr/^\QUsage: ${CLASS}::to_hashref(svTHIS)\E at \S+ line \d+\.\n\z/, 'to_hashref with an extra argument: usage error';
+    like $err, usage_re('to_hashref', 'svTHIS'), 'to_hashref with an extra argument: usage error';
     $err = error_of { $CLASS->can('to_hashref')->(bless {}, 'Some::Other::Class') };
-    like $err, qr/^\QTHIS is not of type $CLASS\E at \S+ line \d+\.\n\z/, 'to_hashref on another class: type error';
+    like $err, $TYPE_RE, 'to_hashref on another class: type error';
 }
 
 # ===========================================================================

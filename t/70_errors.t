@@ -6,36 +6,14 @@
 use strict;
 use warnings;
 use Test::More;
+use FindBin;
+use lib "$FindBin::Bin/lib";
+use QelTest qw($CLASS $ADDR_CLASS field_names family_of error_of code_for at_re);
 
 use quillon_event_log::QuillonEventLog;
 
-my $CLASS = 'quillon_event_log::QuillonEventLog';
-my $IP    = 'quillon_event_log::IPAddr';
+my $IP    = $ADDR_CLASS;
 my $FILE  = __FILE__;
-
-my @STRING = qw(
-    bot_name profile_name virtual_server_name request_uri http_request
-    bot_signature microservice_name microservice_matched_wildcard_url
-    configured_mitigation_action_reason actual_mitigation_action_reason
-    actual_verification_action_reason reason mobile_app_display_name
-    mobile_app_version mobile_imei mobile_is_human_behaviour http_method
-    country_code classification bot_signature_category microservice_type
-    captcha_status browser_verification_status device_id_status
-    device_id_action previous_initiated_action previous_initiated_action_status
-    mobile_os_id mobile_app_emulation_mode mobile_app_jailbroken_rooted
-    configured_mitigation_action actual_mitigation_action
-    browser_configured_verification_action browser_actual_verification_action
-    additional_signatures host request_status microservice_matched_wildcard_host
-    enforced_by primary_anomaly_category mobile_debugger_enabled_device
-    challenge_failure_reason http_protocol_info
-);
-my %FAMILY;
-$FAMILY{$_} = 'string'  for @STRING;
-$FAMILY{$_} = 'uint32'  for qw(src_port dest_port request_time previous_request_time slot_number);
-$FAMILY{$_} = 'uint64'  for qw(device_id session_id support_id previous_support_id);
-$FAMILY{$_} = 'bool'    for qw(mobile_is_app is_https_request is_update_request);
-$FAMILY{$_} = 'address' for qw(client_ip dest_ip);
-$FAMILY{$_} = 'list'    for qw(anomaly_categories anomalies);
 
 # A value for the second argument of each two-argument method: one that would
 # visibly change the record if the call went through.
@@ -52,8 +30,8 @@ my %VAL = (
 # set, add, copy or unpack that slipped through would show in pack.
 sub full_record {
     my %h;
-    for my $f (keys %FAMILY) {
-        my $fam = $FAMILY{$f};
+    for my $f (field_names()) {
+        my $fam = family_of($f);
         $h{$f} = $fam eq 'string'  ? "v:$f"
                : $fam eq 'uint32'  ? 4242
                : $fam eq 'uint64'  ? '18446744073709551615'
@@ -89,7 +67,7 @@ my @LIST_GETTERS;
 my @names = $CLASS->fields;
 is scalar(@names), 59, 'fields lists 59 names';
 for my $f (@names) {
-    my $fam = $FAMILY{$f};
+    my $fam = family_of($f);
     ok defined($fam), "field $f belongs to a known family" or next;
     my $val = $VAL{$fam};
     if ($fam eq 'list') {
@@ -104,21 +82,10 @@ for my $f (@names) {
 }
 is 1 + @WHOLE + @FIELD_METHODS + @LIST_GETTERS, 251, '251 methods covered (new, the whole-record methods, the accessors)';
 
-sub code_for {
-    my ($name) = @_;
-    no strict 'refs';
-    return defined(&{"${CLASS}::$name"}) ? \&{"${CLASS}::$name"} : undef;
-}
+# Error texts that must name this file as the place of the failing call.
+sub here_re { at_re($_[0], $FILE) }
 
-sub error_of (&) {
-    my ($code) = @_;
-    local $@;
-    return eval { $code->(); 1 } ? undef : $@;
-}
-
-sub at_re { qr/^\Q$_[0] at $FILE line \E\d+\.\n\z/ }
-
-my $TYPE_RE = at_re("THIS is not of type $CLASS");
+my $TYPE_RE = here_re("THIS is not of type $CLASS");
 
 my @BAD_THIS = (
     [ 'an unblessed hash reference', sub { {} } ],
@@ -140,7 +107,7 @@ for my $m (@WHOLE, @FIELD_METHODS) {
     my $code = code_for($name);
     ok $code, "$name is defined" or next;
     my @rest = $n == 2 ? ($val->()) : ();
-    my $usage_re = at_re("Usage: ${CLASS}::$name($usage)");
+    my $usage_re = here_re("Usage: ${CLASS}::$name($usage)");
 
     my $err = error_of { $code->($r, @rest, 'extra') };
     like $err, $usage_re, "$name with one argument too many: usage error";
@@ -174,14 +141,14 @@ for my $f (@LIST_GETTERS) {
     ok $code, "$f is defined" or next;
 
     my $err = error_of { $code->() };
-    like $err, at_re("Usage: ${CLASS}::$f(svTHIS, ...)"), "$f without arguments: usage error";
+    like $err, here_re("Usage: ${CLASS}::$f(svTHIS, ...)"), "$f without arguments: usage error";
 
     $err = error_of { $code->($r, 0, 1) };
-    like $err, at_re("Usage: ${CLASS}::$f(CLASS, [index])"), "$f with one argument too many: CLASS, [index] message";
+    like $err, here_re("Usage: ${CLASS}::$f(CLASS, [index])"), "$f with one argument too many: CLASS, [index] message";
     is $r->pack, $packed, "$f with one argument too many: record unchanged";
 
     $err = error_of { $code->($r, 0, 1, 2) };
-    like $err, at_re("Usage: ${CLASS}::$f(CLASS, [index])"), "$f with two indexes too many: CLASS, [index] message";
+    like $err, here_re("Usage: ${CLASS}::$f(CLASS, [index])"), "$f with two indexes too many: CLASS, [index] message";
 
     for my $bad (@BAD_THIS) {
         my ($what, $make) = @$bad;
@@ -202,24 +169,24 @@ for my $f (@LIST_GETTERS) {
     my $code = code_for('new');
     ok $code, 'new is defined';
     my $err = error_of { $code->() };
-    like $err, at_re("Usage: ${CLASS}::new(CLASS, ...)"), 'new without arguments: usage error';
+    like $err, here_re("Usage: ${CLASS}::new(CLASS, ...)"), 'new without arguments: usage error';
 
     for my $bad (@BAD_THIS) {
         my ($what, $make) = @$bad;
         next if $what eq 'the class name';
         my $class = $make->();
         $err = error_of { $code->($class) };
-        like $err, at_re("invalid class $class"), "new with $what as class: invalid class";
+        like $err, here_re("invalid class $class"), "new with $what as class: invalid class";
     }
     @My::Event::ISA = ($CLASS);
     $err = error_of { My::Event->new };
-    like $err, at_re('invalid class My::Event'), 'new with a subclass name: invalid class';
+    like $err, here_re('invalid class My::Event'), 'new with a subclass name: invalid class';
     $err = error_of { $code->('') };
-    like $err, at_re('invalid class '), 'new with the empty string: invalid class';
+    like $err, here_re('invalid class '), 'new with the empty string: invalid class';
     $err = error_of { $code->("${CLASS}x") };
-    like $err, at_re("invalid class ${CLASS}x"), 'new with a longer name: invalid class';
+    like $err, here_re("invalid class ${CLASS}x"), 'new with a longer name: invalid class';
     $err = error_of { $code->('quillon_event_log::QuillonEventLo') };
-    like $err, at_re('invalid class quillon_event_log::QuillonEventLo'), 'new with a shorter name: invalid class';
+    like $err, here_re('invalid class quillon_event_log::QuillonEventLo'), 'new with a shorter name: invalid class';
 
     my @objs;
     $err = error_of { @objs = $code->($CLASS, { bot_name => 'a' }, 'extra', 'more') };
@@ -233,13 +200,13 @@ for my $f (@LIST_GETTERS) {
 # ---------------------------------------------------------------------------
 {
     my $err = error_of { $r->set_bot_name };
-    like $err, at_re("Usage: ${CLASS}::set_bot_name(svTHIS, svVAL)"), 'method call set_bot_name without VAL';
+    like $err, here_re("Usage: ${CLASS}::set_bot_name(svTHIS, svVAL)"), 'method call set_bot_name without VAL';
     $err = error_of { $r->bot_name(1) };
-    like $err, at_re("Usage: ${CLASS}::bot_name(svTHIS)"), 'method call bot_name with an extra argument';
+    like $err, here_re("Usage: ${CLASS}::bot_name(svTHIS)"), 'method call bot_name with an extra argument';
     $err = error_of { $r->copy_from };
-    like $err, at_re("Usage: ${CLASS}::copy_from(svTHIS, sv)"), 'method call copy_from without source';
+    like $err, here_re("Usage: ${CLASS}::copy_from(svTHIS, sv)"), 'method call copy_from without source';
     $err = error_of { $r->unpack('', '') };
-    like $err, at_re("Usage: ${CLASS}::unpack(svTHIS, arg)"), 'method call unpack with an extra argument';
+    like $err, here_re("Usage: ${CLASS}::unpack(svTHIS, arg)"), 'method call unpack with an extra argument';
     $err = error_of { $CLASS->bot_name };
     like $err, $TYPE_RE, 'class-method call of a getter: type error';
     $err = error_of { $CLASS->pack };

@@ -15,91 +15,81 @@ use File::Basename ();
 our @EXPORT = qw(hexs new_rec proto_fields encode_ref);
 our @EXPORT_OK = qw(
     $CLASS $ADDR_CLASS
-    field_table field_names proto_path proto_text
+    field_table field_names family_fields family_of address_fields
+    proto_path proto_text
     unhex varint bytes_is run_perl
+    error_of code_for at_re usage_re
+    $TYPE_RE $EMPTY_RE $IP_TYPE_RE $IP_EMPTY_RE
+    flags_of is_string_sv is_int_sv
+    ip_fields present_fields empty_handle_ok
 );
 our %EXPORT_TAGS = (all => [@EXPORT, @EXPORT_OK]);
 
 our $CLASS      = 'quillon_event_log::QuillonEventLog';
 our $ADDR_CLASS = 'quillon_event_log::IPAddr';
 
-# The record's fields as [name, number, kind], in field-number order.
-# kind is one of: string uint32 uint64 bool address list.
-# Kept here by hand on purpose: the oracle must not learn the layout from the
-# module it checks. t/05_field_table.t compares it with the .proto and `fields`.
-my @FIELDS = (
-    [bot_name                               =>  1, 'string'],
-    [profile_name                           =>  2, 'string'],
-    [virtual_server_name                    =>  3, 'string'],
-    [client_ip                              =>  4, 'address'],
-    [dest_ip                                =>  5, 'address'],
-    [request_uri                            =>  7, 'string'],
-    [http_request                           =>  8, 'string'],
-    [bot_signature                          =>  9, 'string'],
-    [microservice_name                      => 10, 'string'],
-    [microservice_matched_wildcard_url      => 11, 'string'],
-    [configured_mitigation_action_reason    => 12, 'string'],
-    [actual_mitigation_action_reason        => 13, 'string'],
-    [actual_verification_action_reason      => 14, 'string'],
-    [reason                                 => 15, 'string'],
-    [mobile_app_display_name                => 16, 'string'],
-    [mobile_app_version                     => 17, 'string'],
-    [mobile_imei                            => 18, 'string'],
-    [src_port                               => 19, 'uint32'],
-    [dest_port                              => 20, 'uint32'],
-    [device_id                              => 21, 'uint64'],
-    [session_id                             => 22, 'uint64'],
-    [support_id                             => 23, 'uint64'],
-    [previous_support_id                    => 24, 'uint64'],
-    [mobile_is_app                          => 25, 'bool'],
-    [mobile_is_human_behaviour              => 26, 'string'],
-    [request_time                           => 27, 'uint32'],
-    [previous_request_time                  => 28, 'uint32'],
-    [http_method                            => 29, 'string'],
-    [country_code                           => 30, 'string'],
-    [classification                         => 32, 'string'],
-    [bot_signature_category                 => 33, 'string'],
-    [microservice_type                      => 34, 'string'],
-    [captcha_status                         => 35, 'string'],
-    [browser_verification_status            => 36, 'string'],
-    [device_id_status                       => 37, 'string'],
-    [device_id_action                       => 38, 'string'],
-    [previous_initiated_action              => 39, 'string'],
-    [previous_initiated_action_status       => 40, 'string'],
-    [mobile_os_id                           => 41, 'string'],
-    [mobile_app_emulation_mode              => 42, 'string'],
-    [mobile_app_jailbroken_rooted           => 43, 'string'],
-    [anomaly_categories                     => 44, 'list'],
-    [anomalies                              => 45, 'list'],
-    [configured_mitigation_action           => 46, 'string'],
-    [actual_mitigation_action               => 47, 'string'],
-    [browser_configured_verification_action => 48, 'string'],
-    [browser_actual_verification_action     => 49, 'string'],
-    [is_https_request                       => 50, 'bool'],
-    [additional_signatures                  => 51, 'string'],
-    [slot_number                            => 52, 'uint32'],
-    [host                                   => 53, 'string'],
-    [request_status                         => 54, 'string'],
-    [microservice_matched_wildcard_host     => 55, 'string'],
-    [enforced_by                            => 56, 'string'],
-    [primary_anomaly_category               => 57, 'string'],
-    [mobile_debugger_enabled_device         => 58, 'string'],
-    [is_update_request                      => 59, 'bool'],
-    [challenge_failure_reason               => 60, 'string'],
-    [http_protocol_info                     => 61, 'string'],
-);
-
-my @ADDR_FIELDS = ([ip0 => 1], [ip1 => 2], [ip2 => 3], [ip3 => 4], [rtdom_id => 5]);
-
 # Located once at load time, so a test that changes directory later still
 # finds the schema.
 my $ROOT = Cwd::abs_path(File::Basename::dirname(Cwd::abs_path(__FILE__)) . '/../..');
 
-# field_table(): copies of [name, number, kind] for the 59 fields.
+# The record's fields as [name, number, kind], in field-number order, read
+# from the .proto (never asked of the module: the oracle must not learn the
+# layout from the code it checks). kind is the family of the field:
+#   string   optional string       uint32   optional uint32
+#   uint64   optional uint64       bool     optional bool
+#   address  optional IPAddr       list     repeated string
+# A field of any other label or type stops the suite here: the encoder below
+# would not know how to write it. t/05_field_table.t compares the .proto with a
+# fixed list of the expected fields and with `fields`.
+my %KIND_OF = (
+    'optional string' => 'string',
+    'optional uint32' => 'uint32',
+    'optional uint64' => 'uint64',
+    'optional bool'   => 'bool',
+    'optional IPAddr' => 'address',
+    'repeated string' => 'list',
+);
+my @FAMILIES = qw(string uint32 uint64 bool address list);
+
+my @FIELDS = sort { $a->[1] <=> $b->[1] } map {
+    my ($name, $number, $label, $type) = @$_;
+    my $kind = $KIND_OF{"$label $type"}
+        or die "QelTest: no rule for the field '$label $type $name = $number' of " . proto_path() . "\n";
+    [$name, $number, $kind];
+} proto_fields();
+
+my %FAMILY_OF = map { $_->[0] => $_->[2] } @FIELDS;
+
+# The address message: [name, number] of its fields, each an optional uint32.
+my @ADDR_FIELDS = sort { $a->[1] <=> $b->[1] } map {
+    my ($name, $number, $label, $type) = @$_;
+    die "QelTest: no rule for the address field '$label $type $name = $number' of " . proto_path() . "\n"
+        unless "$label $type" eq 'optional uint32';
+    [$name, $number];
+} proto_fields('IPAddr');
+
+# field_table(): copies of [name, number, kind] for every field of the record.
 sub field_table { map { [@$_] } @FIELDS }
 
-# field_names(): the 59 names in field-number order.
+# field_names(): the names of the record's fields in field-number order.
 sub field_names { map { $_->[0] } @FIELDS }
+
+# family_fields($family): the names of the fields of one family (string,
+# uint32, uint64, bool, address, list) in field-number order.
+sub family_fields {
+    my $family = shift;
+    die "family_fields: unknown family '" . (defined $family ? $family : 'undef') . "'\n"
+        unless defined $family && grep { $_ eq $family } @FAMILIES;
+    return map { $_->[0] } grep { $_->[2] eq $family } @FIELDS;
+}
+
+# family_of($name): the family of a field of the record, undef for a name that
+# is not one of its fields.
+sub family_of { $FAMILY_OF{ $_[0] } }
+
+# address_fields(): the names of the address fields (ip0 .. rtdom_id) in
+# field-number order.
+sub address_fields { map { $_->[0] } @ADDR_FIELDS }
 
 # hexs($bytes): lower-case hex of a byte string.
 sub hexs { unpack 'H*', $_[0] }
@@ -295,5 +285,99 @@ sub run_perl {
     waitpid $pid, 0;
     return ($?, defined $text ? $text : '');
 }
+
+# ---- helpers of the accessor and error tests ---------------------------------
+
+# error_of { ... }: runs the block and returns the exception it died with, or
+# undef when it did not die.
+sub error_of (&) {
+    my ($code) = @_;
+    local $@;
+    return eval { $code->(); 1 } ? undef : $@;
+}
+
+# code_for($name [, $class]): the sub $class::$name (default: the record
+# class), or undef when there is none. Calling it as a plain function lets a
+# test hand the XSUB any invocant and any number of arguments.
+sub code_for {
+    my ($name, $class) = @_;
+    $class = $CLASS unless defined $class;
+    no strict 'refs';
+    return defined(&{"${class}::$name"}) ? \&{"${class}::$name"} : undef;
+}
+
+# at_re($text [, $file]): matches exactly $text followed by Perl's location
+# " at FILE line N.\n"; with $file given, FILE must be that file.
+sub at_re {
+    my ($text, $file) = @_;
+    return defined $file
+        ? qr/^\Q$text at $file line \E\d+\.\n\z/
+        : qr/^\Q$text\E at \S+ line \d+\.\n\z/;
+}
+
+# usage_re($method, $usage [, $class]): the interpreter's usage error of
+# $class::$method (default: the record class) with the usage text $usage.
+sub usage_re {
+    my ($method, $usage, $class) = @_;
+    $class = $CLASS unless defined $class;
+    return at_re("Usage: ${class}::$method($usage)");
+}
+
+our $TYPE_RE     = at_re("THIS is not of type $CLASS");
+our $EMPTY_RE    = at_re("THIS holds no $CLASS record");
+our $IP_TYPE_RE  = at_re("THIS is not of type $ADDR_CLASS");
+our $IP_EMPTY_RE = at_re("THIS holds no $ADDR_CLASS address");
+
+# flags_of($value): the SV flags of a scalar; is_string_sv / is_int_sv: a
+# string that is not also a number, an integer that is not also a string.
+sub flags_of { require B; B::svref_2object(\$_[0])->FLAGS }
+sub is_string_sv { my $fl = flags_of($_[0]); ($fl & B::SVf_POK()) && !($fl & (B::SVf_IOK() | B::SVf_NOK())) }
+sub is_int_sv    { my $fl = flags_of($_[0]); ($fl & B::SVf_IOK()) && !($fl & B::SVf_POK()) }
+
+# ip_fields($address): the fields present in an address object, as a plain
+# hash read through its accessors (has_ip0, ip0, ...).
+sub ip_fields {
+    my ($a) = @_;
+    my %h;
+    for my $f (address_fields()) {
+        my $has = "has_$f";
+        $h{$f} = $a->$f if $a->$has;
+    }
+    return \%h;
+}
+
+# present_fields($record): the singular fields whose has_ answers 1, in
+# field-number order.
+sub present_fields {
+    my ($r) = @_;
+    return [ grep { my $has = "has_$_"; $r->$has } map { $_->[0] } grep { $_->[2] ne 'list' } @FIELDS ];
+}
+
+# empty_handle_ok($handle, $field, $value, $error_re, $what): on a handle that
+# holds no record (or no address), the getter of the singular field $field
+# returns the empty list, and has_$field, clear_$field and set_$field($value)
+# die with an error matching $error_re. $what names the handle in the test
+# names. Four assertions.
+sub empty_handle_ok {
+    my ($handle, $f, $value, $error_re, $what) = @_;
+    require Test::More;
+    local $Test::Builder::Level = $Test::Builder::Level + 1;
+    my @got = $handle->$f;
+    Test::More::is(scalar(@got), 0, "$what: $f returns the empty list");
+    for my $m ("has_$f", "clear_$f") {
+        my $err = error_of { $handle->$m };
+        Test::More::like($err, $error_re, "$what: $m dies");
+    }
+    my $set = "set_$f";
+    my $err = error_of { $handle->$set($value) };
+    Test::More::like($err, $error_re, "$what: $set dies");
+}
+
+# A tied scalar that counts how often its value is fetched:
+#   tie my $v, 'CountingScalar', $value;  ...  tied($v)->{fetches}
+package CountingScalar;
+sub TIESCALAR { my ($class, $value) = @_; bless { value => $value, fetches => 0 }, $class }
+sub FETCH     { my $self = shift; $self->{fetches}++; $self->{value} }
+sub STORE     { $_[0]{value} = $_[1] }
 
 1;
