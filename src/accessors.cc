@@ -41,29 +41,19 @@ template <class Msg> XS_INTERNAL(xs_clear) {
 
 // Getters read the value whether or not the field is present (an absent field
 // reads as its default) and return nothing for an empty handle.
-template <class Ops, class Msg, SV *(*to_sv)(pTHX_ const Ops &, const Msg &)>
-XS_INTERNAL(xs_get) {
+template <class Msg, SV *(*to_sv)(pTHX_ CV *, const Msg &)> XS_INTERNAL(xs_get) {
     dXSARGS;
     if (items != 1)
         croak_xs_usage(cv, "svTHIS");
     const Msg *m = message_from_handle<Msg>(aTHX_ ST(0));
     if (!m)
         XSRETURN_EMPTY;
-    ST(0) = sv_2mortal(to_sv(aTHX_ field_ops<Ops>(cv), *m));
+    ST(0) = sv_2mortal(to_sv(aTHX_ cv, *m));
     XSRETURN(1);
 }
 
-template <class Msg> SV *string_to_sv(pTHX_ const StringField<Msg> &f, const Msg &m) {
-    return bytes_to_sv(aTHX_ f.get(m));
-}
-template <class Msg> SV *uint32_to_sv(pTHX_ const UInt32Field<Msg> &f, const Msg &m) {
-    return newSVuv(f.get(m));
-}
-template <class Msg> SV *uint64_field_to_sv(pTHX_ const UInt64Field<Msg> &f, const Msg &m) {
-    return uint64_to_sv(aTHX_ f.get(m));
-}
-template <class Msg> SV *bool_to_sv(pTHX_ const BoolField<Msg> &f, const Msg &m) {
-    return newSViv(f.get(m) ? 1 : 0);
+template <class Ops, class Msg> SV *field_value(pTHX_ CV *cv, const Msg &m) {
+    return value_to_sv(aTHX_ field_ops<Ops>(cv).get(m));
 }
 
 // String setters check THIS before touching VAL; the number and flag setters
@@ -82,11 +72,11 @@ template <class Msg> XS_INTERNAL(xs_string_set) {
     XSRETURN_EMPTY;
 }
 
-template <class Msg, class T, T (*from_sv)(pTHX_ SV *)> XS_INTERNAL(xs_number_set) {
+template <class Msg, class T> XS_INTERNAL(xs_number_set) {
     dXSARGS;
     if (items != 2)
         croak_xs_usage(cv, "svTHIS, svVAL");
-    const T value = from_sv(aTHX_ ST(1));
+    const T value = sv_to_value<T>(aTHX_ ST(1));
     Msg &m = live_message_from_handle<Msg>(aTHX_ ST(0));
     field_ops<NumberField<Msg, T>>(cv).set(m, value);
     XSRETURN_EMPTY;
@@ -96,8 +86,8 @@ template <class Msg, class T, T (*from_sv)(pTHX_ SV *)> XS_INTERNAL(xs_number_se
 
 // Returns a new quillon_event_log::IPAddr holding a copy: changing it never
 // changes the record.  An absent address reads as an empty one, never undef.
-SV *address_to_sv(pTHX_ const AddressField &f, const Record &m) {
-    return sv_setref_pv(newSV(0), kAddressClass, new Address(f.get(m)));
+SV *address_object(pTHX_ CV *cv, const Record &m) {
+    return sv_setref_pv(newSV(0), kAddressClass, new Address(field_ops<AddressField>(cv).get(m)));
 }
 
 XS_INTERNAL(xs_address_set) {
@@ -153,7 +143,7 @@ XS_INTERNAL(xs_list_get) {
             XSRETURN_EMPTY;
         if (index < 0 || index >= f.size(*m))
             XSRETURN_UNDEF;
-        ST(0) = sv_2mortal(bytes_to_sv(aTHX_ f.get(*m, index)));
+        ST(0) = sv_2mortal(value_to_sv(aTHX_ f.get(*m, index)));
         XSRETURN(1);
     }
     if (!m)
@@ -162,7 +152,7 @@ XS_INTERNAL(xs_list_get) {
     SP -= items;
     EXTEND(SP, count);
     for (int i = 0; i < count; ++i)
-        PUSHs(sv_2mortal(bytes_to_sv(aTHX_ f.get(*m, i))));
+        PUSHs(sv_2mortal(value_to_sv(aTHX_ f.get(*m, i))));
     XSRETURN(count);
 }
 
@@ -188,37 +178,22 @@ struct MethodShape {
     const char *proto;
 };
 
-template <class Msg> struct SingularFamilies {
-    using S = StringField<Msg>;
-    using U32 = UInt32Field<Msg>;
-    using U64 = UInt64Field<Msg>;
-    using B = BoolField<Msg>;
-    static constexpr MethodShape kString[4] = {
+// The four methods of a family whose getter and setter follow the field type.
+template <class Msg, class Ops, XSUBADDR_t setter> struct ScalarShapes {
+    static constexpr MethodShape kShapes[4] = {
         {"has_", "", xs_has<Msg>, "$"},
         {"clear_", "", xs_clear<Msg>, "$"},
-        {"", "", xs_get<S, Msg, string_to_sv<Msg>>, "$"},
-        {"set_", "", xs_string_set<Msg>, "$$"}};
-    static constexpr MethodShape kUInt32[4] = {
-        {"has_", "", xs_has<Msg>, "$"},
-        {"clear_", "", xs_clear<Msg>, "$"},
-        {"", "", xs_get<U32, Msg, uint32_to_sv<Msg>>, "$"},
-        {"set_", "", xs_number_set<Msg, uint32_t, sv_to_uint32>, "$$"}};
-    static constexpr MethodShape kUInt64[4] = {
-        {"has_", "", xs_has<Msg>, "$"},
-        {"clear_", "", xs_clear<Msg>, "$"},
-        {"", "", xs_get<U64, Msg, uint64_field_to_sv<Msg>>, "$"},
-        {"set_", "", xs_number_set<Msg, uint64_t, sv_to_uint64>, "$$"}};
-    static constexpr MethodShape kBool[4] = {
-        {"has_", "", xs_has<Msg>, "$"},
-        {"clear_", "", xs_clear<Msg>, "$"},
-        {"", "", xs_get<B, Msg, bool_to_sv<Msg>>, "$"},
-        {"set_", "", xs_number_set<Msg, bool, sv_to_bool>, "$$"}};
+        {"", "", xs_get<Msg, field_value<Ops, Msg>>, "$"},
+        {"set_", "", setter, "$$"}};
 };
+
+template <class Msg, class T>
+using NumberShapes = ScalarShapes<Msg, NumberField<Msg, T>, xs_number_set<Msg, T>>;
 
 constexpr MethodShape kAddressShapes[4] = {
     {"has_", "", xs_has<Record>, "$"},
     {"clear_", "", xs_clear<Record>, "$"},
-    {"", "", xs_get<AddressField, Record, address_to_sv>, "$"},
+    {"", "", xs_get<Record, address_object>, "$"},
     {"set_", "", xs_address_set, "$$"}};
 
 constexpr MethodShape kStringListShapes[4] = {
@@ -228,12 +203,11 @@ constexpr MethodShape kStringListShapes[4] = {
     {"add_", "", xs_list_add, "$$"}};
 
 template <class Msg> const MethodShape *shapes_of(Family family) {
-    using F = SingularFamilies<Msg>;
     switch (family) {
-    case Family::String: return F::kString;
-    case Family::UInt32: return F::kUInt32;
-    case Family::UInt64: return F::kUInt64;
-    case Family::Bool: return F::kBool;
+    case Family::String: return ScalarShapes<Msg, StringField<Msg>, xs_string_set<Msg>>::kShapes;
+    case Family::UInt32: return NumberShapes<Msg, uint32_t>::kShapes;
+    case Family::UInt64: return NumberShapes<Msg, uint64_t>::kShapes;
+    case Family::Bool: return NumberShapes<Msg, bool>::kShapes;
     case Family::Address: return kAddressShapes;
     case Family::StringList: return kStringListShapes;
     }

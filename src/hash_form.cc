@@ -50,7 +50,7 @@ SV *list_to_sv(pTHX_ const StringListField &f, const Record &m, int count) {
     av_extend(av, count - 1);
     SV **slots = AvARRAY(av);
     for (int i = 0; i < count; ++i)
-        slots[i] = bytes_to_sv(aTHX_ f.get(m, i));
+        slots[i] = value_to_sv(aTHX_ f.get(m, i));
     AvFILLp(av) = count - 1;
     return newRV_noinc(reinterpret_cast<SV *>(av));
 }
@@ -69,22 +69,16 @@ void fill_list(pTHX_ const StringListField &f, Record &m, AV *av) {
     }
 }
 
-}  // namespace
-
-void init_hash_keys(pTHX) {
-    hash_keys(kRecordFields, record_key_hash);
-    hash_keys(kAddressFields, address_key_hash);
+// The value of a present scalar field as a new scalar, or null when absent.
+template <class Ops, class Msg> SV *present_value(pTHX_ const FieldInfo<Msg> &fi, const Msg &m) {
+    const auto &f = ops_of<Ops>(fi);
+    return f.presence.has(m) ? value_to_sv(aTHX_ f.get(m)) : nullptr;
 }
 
-HV *address_to_hash(pTHX_ const Address &a) {
-    HV *hv = newHV();
-    for (size_t i = 0; i < kAddressFieldCount; ++i) {
-        const auto &fi = kAddressFields[i];
-        const auto &f = ops_of<UInt32Field<Address>>(fi);
-        if (f.presence.has(a))
-            store(aTHX_ hv, fi.name, fi.len, address_key_hash[i], newSVuv(f.get(a)));
-    }
-    return hv;
+// Sets a number or flag field from a Perl value, converted as its setter does.
+template <class Ops, class Msg> void set_value(pTHX_ const FieldInfo<Msg> &fi, Msg &m, SV *value) {
+    const auto &f = ops_of<Ops>(fi);
+    f.set(m, sv_to_value<decltype(f.get(m))>(aTHX_ value));
 }
 
 // Present fields, counted to size the hash once instead of splitting it as
@@ -100,64 +94,53 @@ size_t count_present(const Record &m) {
     return count;
 }
 
+}  // namespace
+
+void init_hash_keys(pTHX) {
+    hash_keys(kRecordFields, record_key_hash);
+    hash_keys(kAddressFields, address_key_hash);
+}
+
+HV *address_to_hash(pTHX_ const Address &a) {
+    HV *hv = newHV();
+    for (size_t i = 0; i < kAddressFieldCount; ++i) {
+        const auto &fi = kAddressFields[i];
+        if (SV *value = present_value<UInt32Field<Address>>(aTHX_ fi, a))
+            store(aTHX_ hv, fi.name, fi.len, address_key_hash[i], value);
+    }
+    return hv;
+}
+
 HV *record_to_hash(pTHX_ const Record &m) {
     HV *hv = newHV();
     if (const size_t count = count_present(m); count > 7)
         hv_ksplit(hv, count);
     for (size_t i = 0; i < kRecordFieldCount; ++i) {
         const auto &fi = kRecordFields[i];
-        SV *value;
+        SV *value = nullptr;
         switch (fi.family) {
-        case Family::String: {
-            const auto &f = ops_of<StringField<Record>>(fi);
-            if (!f.presence.has(m))
-                continue;
-            value = bytes_to_sv(aTHX_ f.get(m));
-            break;
-        }
-        case Family::UInt32: {
-            const auto &f = ops_of<UInt32Field<Record>>(fi);
-            if (!f.presence.has(m))
-                continue;
-            value = newSVuv(f.get(m));
-            break;
-        }
-        case Family::UInt64: {
-            const auto &f = ops_of<UInt64Field<Record>>(fi);
-            if (!f.presence.has(m))
-                continue;
-            value = uint64_to_sv(aTHX_ f.get(m));
-            break;
-        }
-        case Family::Bool: {
-            const auto &f = ops_of<BoolField<Record>>(fi);
-            if (!f.presence.has(m))
-                continue;
-            value = newSViv(f.get(m) ? 1 : 0);
-            break;
-        }
+        case Family::String: value = present_value<StringField<Record>>(aTHX_ fi, m); break;
+        case Family::UInt32: value = present_value<UInt32Field<Record>>(aTHX_ fi, m); break;
+        case Family::UInt64: value = present_value<UInt64Field<Record>>(aTHX_ fi, m); break;
+        case Family::Bool: value = present_value<BoolField<Record>>(aTHX_ fi, m); break;
         case Family::Address: {
             // A present address always gets its key, with an empty hash when
             // none of its own fields is set.
             const auto &f = ops_of<AddressField>(fi);
-            if (!f.presence.has(m))
-                continue;
-            value = newRV_noinc(reinterpret_cast<SV *>(address_to_hash(aTHX_ f.get(m))));
+            if (f.presence.has(m))
+                value = newRV_noinc(reinterpret_cast<SV *>(address_to_hash(aTHX_ f.get(m))));
             break;
         }
         case Family::StringList: {
             // A list has a key only when it holds an element.
             const auto &f = ops_of<StringListField>(fi);
-            const int count = f.size(m);
-            if (count == 0)
-                continue;
-            value = list_to_sv(aTHX_ f, m, count);
+            if (const int count = f.size(m))
+                value = list_to_sv(aTHX_ f, m, count);
             break;
         }
-        default:
-            continue;
         }
-        store(aTHX_ hv, fi.name, fi.len, record_key_hash[i], value);
+        if (value)
+            store(aTHX_ hv, fi.name, fi.len, record_key_hash[i], value);
     }
     return hv;
 }
@@ -166,7 +149,7 @@ void fill_address(pTHX_ Address &a, HV *hv) {
     for (size_t i = 0; i < kAddressFieldCount; ++i) {
         const auto &fi = kAddressFields[i];
         if (SV *value = fetch(aTHX_ hv, fi.name, fi.len, address_key_hash[i]))
-            ops_of<UInt32Field<Address>>(fi).set(a, sv_to_uint32(aTHX_ value));
+            set_value<UInt32Field<Address>>(aTHX_ fi, a, value);
     }
 }
 
@@ -183,15 +166,9 @@ void fill_record(pTHX_ Record &m, HV *hv) {
             ops_of<StringField<Record>>(fi).mut(m)->assign(bytes, len);
             break;
         }
-        case Family::UInt32:
-            ops_of<UInt32Field<Record>>(fi).set(m, sv_to_uint32(aTHX_ value));
-            break;
-        case Family::UInt64:
-            ops_of<UInt64Field<Record>>(fi).set(m, sv_to_uint64(aTHX_ value));
-            break;
-        case Family::Bool:
-            ops_of<BoolField<Record>>(fi).set(m, sv_to_bool(aTHX_ value));
-            break;
+        case Family::UInt32: set_value<UInt32Field<Record>>(aTHX_ fi, m, value); break;
+        case Family::UInt64: set_value<UInt64Field<Record>>(aTHX_ fi, m, value); break;
+        case Family::Bool: set_value<BoolField<Record>>(aTHX_ fi, m, value); break;
         case Family::Address: {
             // The key alone makes the address present, whatever its value;
             // only a nested hash fills it.

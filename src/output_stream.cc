@@ -54,7 +54,7 @@ SV *pack_record(pTHX_ const Record &m) {
     if (!m.IsInitialized()) {
         // Cannot happen while the schema has no required field.  The text is
         // copied into a mortal first: croak does not unwind C++ objects.
-        SV *missing = sv_2mortal(bytes_to_sv(aTHX_ m.InitializationErrorString()));
+        SV *missing = sv_2mortal(value_to_sv(aTHX_ m.InitializationErrorString()));
         croak(kMissingRequired, SvPV_nolen(missing));
     }
     const size_t size = m.ByteSizeLong();
