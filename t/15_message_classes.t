@@ -9,75 +9,19 @@ use strict;
 use warnings;
 use Test::More;
 use File::Spec;
-use File::Temp qw(tempdir);
 use FindBin;
+use lib "$FindBin::Bin/lib";
+use QelTest qw(in_path describe_status slurp build_cpp run_program);
 
-my $root   = File::Spec->rel2abs(File::Spec->catdir($FindBin::Bin, File::Spec->updir));
-my $src    = File::Spec->catfile($root, 't', 'cpp', 'message_classes.cc');
-my $pb_dir = File::Spec->catdir($root, 'src');
-my $pb_obj = File::Spec->catfile($pb_dir, 'quillon_event_log.pb.o');
-my $pb_h   = File::Spec->catfile($pb_dir, 'quillon_event_log.pb.h');
+my $build = build_cpp('t/cpp/message_classes.cc');
+plan skip_all => $build->{skip} if defined $build->{skip};
 
-sub in_path {
-    my $prog = shift;
-    for my $dir (File::Spec->path) {
-        my $file = File::Spec->catfile($dir, $prog);
-        return $file if -f $file && -x _;
-    }
-    return undef;
-}
-
-sub sh_quote {
-    my $s = shift;
-    $s =~ s/'/'\\''/g;
-    return "'$s'";
-}
-
-my $gxx = in_path('g++')
-    or plan skip_all => 'g++ is not installed (apt-get install g++)';
-in_path('pkg-config') && system('pkg-config --exists protobuf') == 0
-    or plan skip_all => 'pkg-config protobuf is not available (apt-get install pkg-config libprotobuf-dev)';
--e $pb_obj && -e $pb_h
-    or plan skip_all => 'src/quillon_event_log.pb.o has not been built yet (run make)';
-
-chomp(my $pb_cflags = `pkg-config --cflags protobuf`);
-chomp(my $pb_libs   = `pkg-config --libs protobuf`);
-
-my $dir = tempdir('qel-message-classes-XXXXXX', TMPDIR => 1, CLEANUP => 1);
-my $bin = File::Spec->catfile($dir, 'message_classes');
-
-my $compile = join ' ', sh_quote($gxx), '-std=gnu++17', '-O1', '-I' . sh_quote($pb_dir), $pb_cflags,
-    '-o', sh_quote($bin), sh_quote($src), sh_quote($pb_obj), $pb_libs;
-my $compiler_output = `$compile 2>&1`;
-my $compiled = $? == 0 && -x $bin;
-ok($compiled, 't/cpp/message_classes.cc compiles and links with src/quillon_event_log.pb.o')
-    or diag("$compile\n$compiler_output");
-unless ($compiled) {
+my ($dir, $bin) = @$build{qw(dir bin)};
+ok(defined $bin, 't/cpp/message_classes.cc compiles and links with src/quillon_event_log.pb.o')
+    or diag("$build->{command}\n$build->{output}");
+unless (defined $bin) {
     done_testing();
     exit;
-}
-
-# Runs the program (under @prefix, if given) and returns its stdout, its wait
-# status and what it wrote on stderr.
-sub run_program {
-    my @prefix = @_;
-    my $err = File::Spec->catfile($dir, 'stderr.txt');
-    my $cmd = join ' ', (map { sh_quote($_) } @prefix, $bin), '2>' . sh_quote($err);
-    my $out = `$cmd`;
-    my $status = $?;
-    my $stderr = '';
-    if (open my $fh, '<', $err) {
-        local $/;
-        $stderr = <$fh> // '';
-    }
-    return ($out, $status, $stderr);
-}
-
-sub describe_status {
-    my $status = shift;
-    return 'could not run' if $status == -1;
-    return 'killed by signal ' . ($status & 127) if $status & 127;
-    return 'exit ' . ($status >> 8);
 }
 
 # Passes the program's TAP through: "ok N - name" and "not ok N - name" become
@@ -108,7 +52,7 @@ sub pass_tap {
     return ($planned, $seen, $failed);
 }
 
-my ($out, $status, $stderr) = run_program();
+my ($out, $status, $stderr) = run_program([$bin], dir => $dir);
 my ($planned, $seen, $failed) = pass_tap($out, '');
 ok(defined $planned && $planned == $seen && $seen > 0,
    'the C++ checks all ran (' . ($planned // 'no plan') . " planned, $seen seen)");
@@ -127,14 +71,11 @@ if ($ENV{QEL_VALGRIND}) {
             or skip 'valgrind is not installed (apt-get install valgrind)', 4;
         my $log = File::Spec->catfile($dir, 'valgrind.log');
         my ($vout, $vstatus) = run_program(
-            $valgrind, '--error-exitcode=99', '--leak-check=full', '--errors-for-leak-kinds=definite',
-            '--child-silent-after-fork=yes', "--log-file=$log",
+            [$valgrind, '--error-exitcode=99', '--leak-check=full', '--errors-for-leak-kinds=definite',
+             '--child-silent-after-fork=yes', "--log-file=$log", $bin],
+            dir => $dir,
         );
-        my $report = '';
-        if (open my $fh, '<', $log) {
-            local $/;
-            $report = <$fh> // '';
-        }
+        my $report = slurp($log);
         is($vstatus, 0, 'under valgrind: exit 0 (no memory errors, no definite leaks)')
             or diag(describe_status($vstatus) . "\n$report");
         my @results = $vout =~ /^(?:not )?ok \d+ - /mg;

@@ -22,6 +22,8 @@ our @EXPORT_OK = qw(
     $TYPE_RE $EMPTY_RE $IP_TYPE_RE $IP_EMPTY_RE
     flags_of is_string_sv is_int_sv
     ip_fields present_fields empty_handle_ok
+    in_path sh_quote describe_status slurp
+    cpp_skip_reason build_cpp run_program
 );
 our %EXPORT_TAGS = (all => [@EXPORT, @EXPORT_OK]);
 
@@ -371,6 +373,115 @@ sub empty_handle_ok {
     my $set = "set_$f";
     my $err = error_of { $handle->$set($value) };
     Test::More::like($err, $error_re, "$what: $set dies");
+}
+
+# ---- C++ programs built against the generated message classes -----------------
+
+# in_path($prog): the full path of the executable $prog found in PATH, or undef.
+sub in_path {
+    my $prog = shift;
+    require File::Spec;
+    for my $dir (File::Spec->path) {
+        my $file = File::Spec->catfile($dir, $prog);
+        return $file if -f $file && -x _;
+    }
+    return undef;
+}
+
+# sh_quote($text): $text as one word of /bin/sh.
+sub sh_quote {
+    my $s = shift;
+    $s =~ s/'/'\\''/g;
+    return "'$s'";
+}
+
+# describe_status($?): a wait status in words.
+sub describe_status {
+    my $status = shift;
+    return 'could not run' if $status == -1;
+    return 'killed by signal ' . ($status & 127) if $status & 127;
+    return 'exit ' . ($status >> 8);
+}
+
+# slurp($path): the whole file as bytes, or "" when it cannot be read.
+sub slurp {
+    my $path = shift;
+    open my $fh, '<:raw', $path or return '';
+    local $/;
+    my $text = <$fh>;
+    return defined $text ? $text : '';
+}
+
+sub _pb_dir { "$ROOT/src" }
+
+# cpp_skip_reason(): undef when C++ programs can be built against the
+# generated message classes here (g++, pkg-config knowing protobuf, and
+# src/quillon_event_log.pb.o with its header); otherwise why not, naming what
+# to install or run.
+sub cpp_skip_reason {
+    in_path('g++')
+        or return 'g++ is not installed (apt-get install g++)';
+    in_path('pkg-config') && system('pkg-config --exists protobuf') == 0
+        or return 'pkg-config protobuf is not available (apt-get install pkg-config libprotobuf-dev)';
+    -e _pb_dir() . '/quillon_event_log.pb.o' && -e _pb_dir() . '/quillon_event_log.pb.h'
+        or return 'src/quillon_event_log.pb.o has not been built yet (run make)';
+    return undef;
+}
+
+# build_cpp($source): compiles the C++ program $source (a path, relative to
+# the top of the distribution unless absolute) and links it with
+# src/quillon_event_log.pb.o and the protobuf library, into a new temporary
+# directory that is removed when the test ends. Returns a hash reference:
+#   skip     why nothing was tried (see cpp_skip_reason); no other key is set
+#   dir      the temporary directory, for the program's scratch files
+#   bin      the program, or undef when it did not compile or link
+#   command  the compiler's command line
+#   output   what the compiler printed
+sub build_cpp {
+    my $source = shift;
+    require File::Spec;
+    require File::Temp;
+    if (defined(my $why = cpp_skip_reason())) {
+        return { skip => $why };
+    }
+    my $src = File::Spec->rel2abs($source, $ROOT);
+    (my $name = File::Basename::basename($src)) =~ s/\.[^.]*\z//;
+    (my $tag = $name) =~ tr/_/-/;
+
+    chomp(my $pb_cflags = `pkg-config --cflags protobuf`);
+    chomp(my $pb_libs   = `pkg-config --libs protobuf`);
+    my $pb_dir = _pb_dir();
+    my $pb_obj = "$pb_dir/quillon_event_log.pb.o";
+
+    my $dir = File::Temp::tempdir("qel-$tag-XXXXXX", TMPDIR => 1, CLEANUP => 1);
+    my $bin = File::Spec->catfile($dir, $name);
+    my $command = join ' ', sh_quote(in_path('g++')), '-std=gnu++17', '-O1', '-I' . sh_quote($pb_dir), $pb_cflags,
+        '-o', sh_quote($bin), sh_quote($src), sh_quote($pb_obj), $pb_libs;
+    my $output = `$command 2>&1`;
+    my $built = $? == 0 && -x $bin;
+    return { dir => $dir, bin => ($built ? $bin : undef), command => $command, output => $output };
+}
+
+# run_program(\@argv, dir => $dir [, stdin => $file]): runs the command
+# @argv with its standard output and standard error sent to files in $dir (no
+# pipe to fill up, whatever the size of the output) and its standard input
+# read from $file (default: this process's). Returns the output as bytes, the
+# wait status and what the program wrote on standard error.
+sub run_program {
+    my ($argv, %opt) = @_;
+    require File::Spec;
+    my $dir = $opt{dir} or die "run_program: no dir\n";
+    my $out = File::Spec->catfile($dir, 'stdout.bin');
+    my $err = File::Spec->catfile($dir, 'stderr.txt');
+    unlink $out, $err;
+    my $cmd = join ' ', (map { sh_quote($_) } @$argv),
+        (defined $opt{stdin} ? '<' . sh_quote($opt{stdin}) : ()),
+        '>' . sh_quote($out), '2>' . sh_quote($err);
+    system $cmd;
+    my $status = $?;
+    my ($stdout, $stderr) = (slurp($out), slurp($err));
+    unlink $out;
+    return ($stdout, $status, $stderr);
 }
 
 # A tied scalar that counts how often its value is fetched:
