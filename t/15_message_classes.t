@@ -11,18 +11,9 @@ use Test::More;
 use File::Spec;
 use FindBin;
 use lib "$FindBin::Bin/lib";
-use QelTest qw(in_path describe_status slurp build_cpp run_program);
+use QelTest qw(in_path describe_status slurp build_cpp_ok run_program);
 
-my $build = build_cpp('t/cpp/message_classes.cc');
-plan skip_all => $build->{skip} if defined $build->{skip};
-
-my ($dir, $bin) = @$build{qw(dir bin)};
-ok(defined $bin, 't/cpp/message_classes.cc compiles and links with src/quillon_event_log.pb.o')
-    or diag("$build->{command}\n$build->{output}");
-unless (defined $bin) {
-    done_testing();
-    exit;
-}
+my ($dir, $bin) = build_cpp_ok('t/cpp/message_classes.cc');
 
 # Passes the program's TAP through: "ok N - name" and "not ok N - name" become
 # ok() with the same name, "# " lines following a failure become diag(), all

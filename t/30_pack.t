@@ -11,19 +11,6 @@ use quillon_event_log::QuillonEventLog;
 
 my $PKG = 'quillon_event_log::QuillonEventLog';
 
-# Runs $code with file descriptor 2 sent to /dev/null: the protocol-buffer
-# runtime may log about invalid UTF-8 there, which is noise for these tests.
-sub quietly (&) {
-    my $code = shift;
-    open my $saved, '>&', \*STDERR or die "dup STDERR: $!";
-    open STDERR, '>', '/dev/null' or die "reopen STDERR: $!";
-    my @r = eval { $code->() };
-    my $err = $@;
-    open STDERR, '>&', $saved or die "restore STDERR: $!";
-    die $err if $err;
-    return wantarray ? @r : $r[0];
-}
-
 sub from_hex { $PKG->new(unhex(shift)) }
 
 # ---- the empty record --------------------------------------------------------
@@ -241,90 +228,15 @@ for my $u (@unknown) {
 
 # ---- length sweep ------------------------------------------------------------
 
-my @strings = family_fields('string');
-my %num = map { $_->[0] => $_->[1] } field_table();
-my $PATTERN = join '', map { chr((($_ * 37) + 11) % 128) } 0 .. 4095;
-$PATTERN x= 300;    # about 1.2 MB of bytes 0..127
-
-sub vlen { my $n = shift; my $l = 1; $l++ while ($n >>= 7); $l }
-
-# The byte count n for which a string field with a tag of $taglen bytes
-# encodes to exactly $len bytes, or undef.
-sub string_fit {
-    my ($len, $taglen) = @_;
-    for my $vl (1 .. 4) {
-        my $n = $len - $taglen - $vl;
-        return $n if $n >= 0 && vlen($n) == $vl;
-    }
-    return undef;
-}
-
-# A string field (preferring the one at $pick) and its size for exactly $len bytes.
-sub string_for {
-    my ($len, $pick, $exclude) = @_;
-    my @order = grep { !$exclude->{$_} } map { $strings[($pick + $_) % @strings] } 0 .. $#strings;
-    for my $f (@order) {
-        my $n = string_fit($len, $num{$f} < 16 ? 1 : 2);
-        return ($f, $n) if defined $n;
-    }
-    die "no string field encodes to $len bytes\n";
-}
-
-sub single_field {
-    my $len = shift;
-    my ($f, $n) = string_for($len, $len, {});
-    my $start = $len % 97;
-    return { $f => substr($PATTERN, $start, $n) };
-}
-
-my @pool = (
-    [client_ip          => { ip0 => 3232235777, ip3 => 0, rtdom_id => 1 }],
-    [src_port           => 65535],
-    [device_id          => '18446744073709551615'],
-    [anomalies          => ['x', '', "\x00z"]],
-    [mobile_is_app      => 1],
-    [dest_ip            => {}],
-    [session_id         => '1'],
-    [request_time       => 1700000000],
-    [anomaly_categories => ['cat']],
-    [is_https_request   => 0],
-    [http_method        => 'GET'],
-    [slot_number        => 0],
-    [is_update_request  => 1],
-    [support_id         => '0'],
-);
-my @pool_size = map { length encode_ref({ $_->[0] => $_->[1] }) } @pool;
-
-sub mixed_fields {
-    my $len = shift;
-    my %h;
-    my $rest = $len;
-    for my $k (0 .. $#pool) {
-        my $i = ($len + $k) % @pool;
-        my $size = $pool_size[$i];
-        next unless $size == $rest || $size <= $rest - 2;
-        $h{ $pool[$i][0] } = $pool[$i][1];
-        $rest -= $size;
-    }
-    if ($rest) {
-        my ($f, $n) = string_for($rest, $len * 7, \%h);
-        $h{$f} = substr $PATTERN, $len % 89, $n;
-    }
-    return \%h;
-}
-
-my @lengths = (2 .. 3000);
-for my $k (12 .. 20) {
-    push @lengths, map { 2**$k + $_ } -2 .. 2;
-}
-
+# Records of every encoded length from 2 to 3000 bytes and within 3 bytes of
+# every power of two up to 1 MiB, in two shapes: one string field, and a mix of
+# every family filled up by one string (record_hash_of_length in QelTest).
 my $reader = $PKG->new;
-for my $len (@lengths) {
-    for my $kind (['one string', \&single_field], ['mixed', \&mixed_fields]) {
-        my ($what, $build) = @$kind;
-        my $h = $build->($len);
+for my $len (sweep_lengths()) {
+    for my $shape (['one string', 'string'], ['mixed', 'mixed']) {
+        my ($what, $kind) = @$shape;
+        my $h = record_hash_of_length($len, $kind);
         my $ref = encode_ref($h);
-        die "test bug: $what record for $len encodes to " . length($ref) . " bytes\n" unless length $ref == $len;
         my $o = new_rec($h);
         my $p = $o->pack;
         bytes_is $p, $ref, "$len bytes, $what: pack equals the reference encoding";

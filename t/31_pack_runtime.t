@@ -3,9 +3,10 @@
 # all of them are handed to t/cpp/reserialise.cc in one run, which parses each
 # with ParseFromString and writes it again with SerializeAsString, and the two
 # byte strings must be identical: for every encoded length from 2 to 3000
-# bytes and around every power of two from 32 bytes to 1 MiB, in two shapes
-# (one string field, and a mix of every family padded by one string), and for
-# records carrying unknown fields or a present but empty address.
+# bytes and within 3 bytes of every power of two up to 1 MiB, in two shapes
+# (one string field, and a mix of every family padded by one string; see
+# record_hash_of_length in t/lib/QelTest.pm), and for records carrying unknown
+# fields or a present but empty address.
 use strict;
 use warnings;
 use Test::More;
@@ -14,35 +15,13 @@ use FindBin;
 use lib "$FindBin::Bin/lib";
 use QelTest qw(:all);
 
-my $build = build_cpp('t/cpp/reserialise.cc');
-plan skip_all => $build->{skip} if defined $build->{skip};
-
-my ($dir, $bin) = @$build{qw(dir bin)};
-ok(defined $bin, 't/cpp/reserialise.cc compiles and links with src/quillon_event_log.pb.o')
-    or diag("$build->{command}\n$build->{output}");
-unless (defined $bin) {
-    done_testing();
-    exit;
-}
+my ($dir, $bin) = build_cpp_ok('t/cpp/reserialise.cc');
 
 require quillon_event_log::QuillonEventLog;
 my $PKG = 'quillon_event_log::QuillonEventLog';
 
 # Each record packed, with what to call it: [name, packed bytes].
 my @cases;
-
-# Runs $code with file descriptor 2 sent to /dev/null: the runtime reports
-# strings that are not UTF-8 there, which is noise here.
-sub quietly (&) {
-    my $code = shift;
-    open my $saved, '>&', \*STDERR or die "dup STDERR: $!";
-    open STDERR, '>', '/dev/null' or die "reopen STDERR: $!";
-    my @r = eval { $code->() };
-    my $err = $@;
-    open STDERR, '>&', $saved or die "restore STDERR: $!";
-    die $err if $err;
-    return wantarray ? @r : $r[0];
-}
 
 # Packs $record, checks that the packed length, $record->length and
 # $target agree (one assertion), and queues the bytes for the runtime.
@@ -57,98 +36,10 @@ sub add_case {
 
 # ---- the length sweep ------------------------------------------------------------
 
-my @strings = family_fields('string');
-my %num = map { $_->[0] => $_->[1] } field_table();
-
-# Bytes 0..127 in an order that repeats only every 4096 bytes: valid UTF-8,
-# so the runtime has nothing to report, and no two lengths share a prefix.
-my $PATTERN = join '', map { chr((($_ * 53) + 7) % 128) } 0 .. 4095;
-$PATTERN x= 260;    # a little over 1 MiB
-
-sub vlen { my $n = shift; my $l = 1; $l++ while ($n >>= 7); $l }
-
-# The byte count for which a string field whose tag takes $taglen bytes
-# encodes to exactly $len bytes, or undef when there is none.
-sub string_fit {
-    my ($len, $taglen) = @_;
-    for my $vl (1 .. 4) {
-        my $n = $len - $taglen - $vl;
-        return $n if $n >= 0 && vlen($n) == $vl;
-    }
-    return undef;
-}
-
-# A string field not in %$exclude, tried from position $pick on, and the byte
-# count that makes it encode to exactly $len bytes.
-sub string_for {
-    my ($len, $pick, $exclude) = @_;
-    for my $f (grep { !exists $exclude->{$_} } map { $strings[($pick + $_) % @strings] } 0 .. $#strings) {
-        my $n = string_fit($len, $num{$f} < 16 ? 1 : 2);
-        return ($f, $n) if defined $n;
-    }
-    die "test bug: no string field encodes to $len bytes\n";
-}
-
-sub one_string {
-    my $len = shift;
-    my ($f, $n) = string_for($len, $len * 3, {});
-    return { $f => substr($PATTERN, $len % 101, $n) };
-}
-
-# Fields of every family; a record takes those that fit, starting at a place
-# that moves with the length, then one string field fills it up.
-my $U64_MAX = '18446744073709551615';
-my @pool = (
-    [client_ip           => { ip0 => 4294967295, ip1 => 0, ip2 => 127, ip3 => 128, rtdom_id => 4294967295 }],
-    [device_id           => $U64_MAX],
-    [anomalies           => ['', 'scraper', "\x00\x7f", 'x' x 130]],
-    [mobile_is_app       => 1],
-    [http_method         => 'POST'],
-    [session_id          => $U64_MAX],
-    [dest_ip             => { ip3 => 1 }],
-    [src_port            => 65535],
-    [is_https_request    => 0],
-    [country_code        => 'NZ'],
-    [previous_support_id => $U64_MAX],
-    [anomaly_categories  => ['automation', '']],
-    [slot_number         => 4294967295],
-    [reason              => ''],
-    [support_id          => '0'],
-    [is_update_request   => 1],
-    [host                => 'www.example.test'],
-    [request_time        => 1700000000],
-    [http_protocol_info  => 'HTTP/1.1'],
-    [previous_request_time => 0],
-);
-my @pool_size = map { length encode_ref({ $_->[0] => $_->[1] }) } @pool;
-
-sub mixed {
-    my $len = shift;
-    my %h;
-    my $rest = $len;
-    for my $k (0 .. $#pool) {
-        my $i = ($len + $k) % @pool;
-        next unless $pool_size[$i] == $rest || $pool_size[$i] <= $rest - 2;
-        $h{ $pool[$i][0] } = $pool[$i][1];
-        $rest -= $pool_size[$i];
-    }
-    if ($rest) {
-        my ($f, $n) = string_for($rest, $len * 7, \%h);
-        $h{$f} = substr $PATTERN, $len % 89, $n;
-    }
-    return \%h;
-}
-
-my %seen;
-my @lengths = grep { !$seen{$_}++ } 2 .. 3000, map { my $p = 2**$_; map { $p + $_ } -3 .. 3 } 5 .. 20;
-
-for my $len (@lengths) {
-    for my $shape (['one string', \&one_string], ['mixed', \&mixed]) {
-        my ($what, $make) = @$shape;
-        my $h = $make->($len);
-        my $ref_len = length encode_ref($h);
-        die "test bug: the $what record for $len bytes encodes to $ref_len bytes\n" unless $ref_len == $len;
-        add_case("$len bytes, $what", new_rec($h), $len);
+for my $len (sweep_lengths()) {
+    for my $shape (['one string', 'string'], ['mixed', 'mixed']) {
+        my ($what, $kind) = @$shape;
+        add_case("$len bytes, $what", new_rec(record_hash_of_length($len, $kind)), $len);
     }
 }
 
@@ -195,14 +86,14 @@ for my $p (@parsed) {
 # Unknown length-delimited fields of 16 KiB, 64 KiB and 1 MiB, and a swept
 # record with unknown fields on both sides.
 for my $size (16384, 65536, 1048576) {
-    my $payload = substr $PATTERN, 5, $size;
+    my $payload = pattern_bytes($size, 5);
     my $bytes = unhex('3a012f') . "\x32" . varint($size) . $payload . unhex('f80107');
     add_case("parsed, field 6 with $size bytes between known fields", $PKG->new($bytes), length $bytes);
     my $big = unhex('fa01') . varint($size) . $payload;
     add_case("parsed, field 31 with $size bytes alone", $PKG->new($big), length $big);
 }
 for my $len (100, 1000, 4099, 65533, 1048579) {
-    my $bytes = unhex('3005' . 'fd01ffffffff') . encode_ref(mixed($len)) . unhex('f9010807060504030201' . '3200');
+    my $bytes = unhex('3005' . 'fd01ffffffff') . encode_ref(record_hash_of_length($len, 'mixed')) . unhex('f9010807060504030201' . '3200');
     add_case("parsed, $len bytes mixed between unknown fields", $PKG->new($bytes), length $bytes);
 }
 

@@ -356,6 +356,12 @@ static Q parsed(const std::string &hex_bytes) {
     return m;
 }
 
+// One check: hex_bytes, parsed into a new record, fail the parse.
+static bool parse_fails(const std::string &hex_bytes, const std::string &name) {
+    Q m;
+    return ok(!m.ParseFromString(unhex(hex_bytes)), name);
+}
+
 // ---------------------------------------------------------------------------
 // A new record
 
@@ -1002,20 +1008,13 @@ static void test_decoding() {
     addr_is(two.client_ip(), 9, 4, 0, 0, 0, "two client_ip occurrences (ip0, then ip1) merge into one address");
     is_hex(two.SerializeAsString(), "22 04 08 09 10 04", "the merged address is written once");
 
-    Q bad;
-    ok(!bad.ParseFromString(unhex("22 05 08 01")), "a client_ip whose length runs past the input fails the parse");
-    Q bad2;
-    ok(!bad2.ParseFromString(unhex("22 01 08")), "a client_ip that does not end at its length fails the parse");
-    Q bad3;
-    ok(!bad3.ParseFromString(unhex("0A 05 61")), "a string whose length runs past the input fails the parse");
-    Q bad4;
-    ok(!bad4.ParseFromString(unhex("98 01 FF FF FF FF FF FF FF FF FF FF 01")), "a varint longer than ten bytes fails the parse");
-    Q bad5;
-    ok(!bad5.ParseFromString(unhex("0F 01")), "a field of wire type 7 fails the parse");
-    Q bad6;
-    ok(!bad6.ParseFromString(unhex("0A 01 61 0C")), "an end-of-group tag at the top fails the whole-message parse");
-    Q bad7;
-    ok(!bad7.ParseFromString(unhex("33 08 01")), "a group of field 6 that never ends fails the parse");
+    parse_fails("22 05 08 01", "a client_ip whose length runs past the input fails the parse");
+    parse_fails("22 01 08", "a client_ip that does not end at its length fails the parse");
+    parse_fails("0A 05 61", "a string whose length runs past the input fails the parse");
+    parse_fails("98 01 FF FF FF FF FF FF FF FF FF FF 01", "a varint longer than ten bytes fails the parse");
+    parse_fails("0F 01", "a field of wire type 7 fails the parse");
+    parse_fails("0A 01 61 0C", "an end-of-group tag at the top fails the whole-message parse");
+    parse_fails("33 08 01", "a group of field 6 that never ends fails the parse");
 
     const std::string invalid = unhex("0A 02 FF FE EA 02 03 61 C3 28");
     Q inv;

@@ -2,8 +2,10 @@ package QelTest;
 
 # Shared helpers for the test suite of quillon_event_log::QuillonEventLog:
 # hex dumps, record construction, a reader of the .proto at the top of the
-# distribution, and a pure-Perl wire encoder of the hash form of a record that
-# the tests use as an oracle for what `pack` must produce.
+# distribution, a pure-Perl wire encoder of the hash form of a record that
+# the tests use as an oracle for what `pack` must produce, records of any given
+# encoded length for the length sweeps (tag :sweep), and the building and
+# running of the C++ checks.
 
 use strict;
 use warnings;
@@ -23,9 +25,14 @@ our @EXPORT_OK = qw(
     flags_of is_string_sv is_int_sv
     ip_fields present_fields empty_handle_ok
     in_path sh_quote describe_status slurp
-    cpp_skip_reason build_cpp run_program
+    cpp_skip_reason build_cpp build_cpp_ok run_program
+    quietly vlen string_fit string_for pattern_bytes
+    record_hash_of_length sweep_lengths
 );
-our %EXPORT_TAGS = (all => [@EXPORT, @EXPORT_OK]);
+our %EXPORT_TAGS = (
+    sweep => [qw(quietly vlen string_fit string_for pattern_bytes record_hash_of_length sweep_lengths)],
+);
+$EXPORT_TAGS{all} = [@EXPORT, @EXPORT_OK];
 
 our $CLASS      = 'quillon_event_log::QuillonEventLog';
 our $ADDR_CLASS = 'quillon_event_log::IPAddr';
@@ -61,6 +68,7 @@ my @FIELDS = sort { $a->[1] <=> $b->[1] } map {
 } proto_fields();
 
 my %FAMILY_OF = map { $_->[0] => $_->[2] } @FIELDS;
+my %FIELDS_BY_NAME = map { $_->[0] => $_ } @FIELDS;
 
 # The address message: [name, number] of its fields, each an optional uint32.
 my @ADDR_FIELDS = sort { $a->[1] <=> $b->[1] } map {
@@ -288,6 +296,151 @@ sub run_perl {
     return ($?, defined $text ? $text : '');
 }
 
+# ---- records of a given encoded length (the sweeps of the pack tests) --------
+
+# quietly { ... }: runs the block with file descriptor 2 sent to /dev/null and
+# returns what it returned (its last value in scalar context). The
+# protocol-buffer runtime logs strings that are not UTF-8 there, which is
+# noise for the tests. An exception of the block is passed on once standard
+# error is back.
+sub quietly (&) {
+    my $code = shift;
+    open my $saved, '>&', \*STDERR or die "dup STDERR: $!";
+    open STDERR, '>', '/dev/null' or die "reopen STDERR: $!";
+    my @r = eval { $code->() };
+    my $err = $@;
+    open STDERR, '>&', $saved or die "restore STDERR: $!";
+    die $err if $err;
+    return wantarray ? @r : $r[0];
+}
+
+# vlen($n): the number of bytes of the base-128 encoding of $n.
+sub vlen { my $n = shift; my $l = 1; $l++ while ($n >>= 7); $l }
+
+# string_fit($len, $taglen): the byte count n for which a string field whose
+# tag takes $taglen bytes encodes to exactly $len bytes (tag, length, n
+# bytes), or undef when there is none.
+sub string_fit {
+    my ($len, $taglen) = @_;
+    for my $vl (1 .. 4) {
+        my $n = $len - $taglen - $vl;
+        return $n if $n >= 0 && vlen($n) == $vl;
+    }
+    return undef;
+}
+
+# string_for($len, $pick, \%exclude): a string field of the record that is not
+# a key of %exclude, tried from position $pick (modulo their number) of the
+# string fields on, and the byte count that makes it encode to exactly $len
+# bytes. Dies when no field fits; with both a one-byte and a two-byte tag
+# available, every $len from 2 up fits.
+sub string_for {
+    my ($len, $pick, $exclude) = @_;
+    my @strings = family_fields('string');
+    my @order = grep { !exists $exclude->{$_} } map { $strings[($pick + $_) % @strings] } 0 .. $#strings;
+    for my $f (@order) {
+        my $n = string_fit($len, length _tag($FIELDS_BY_NAME{$f}[1], 2));
+        return ($f, $n) if defined $n;
+    }
+    die "string_for: no string field encodes to $len bytes\n";
+}
+
+# Bytes 0..127 (valid UTF-8, so the runtime has nothing to report) in a
+# pseudo-random order that repeats every 4096 bytes; grown on demand.
+my $PATTERN_BLOCK = do {
+    my $x = 1;
+    join '', map { $x = ($x * 1103515245 + 12345) % 2**31; chr(($x >> 16) & 0x7f) } 1 .. 4096;
+};
+my $PATTERN = '';
+
+# pattern_bytes($n [, $offset]): $n bytes of that pattern, starting $offset
+# (default 0) bytes into it.
+sub pattern_bytes {
+    my ($n, $offset) = @_;
+    $offset = 0 unless defined $offset;
+    $PATTERN .= $PATTERN_BLOCK while length $PATTERN < $offset + $n;
+    return substr $PATTERN, $offset, $n;
+}
+
+# The fields a mixed record takes its values from: every family, with the
+# largest uint32 and uint64 values, zeros, both bool values, lists holding
+# empty elements and one whose element needs a two-byte length, empty and
+# filled strings, and a present but empty address.
+my $U64_MAX = '18446744073709551615';
+my @MIXED_POOL = (
+    [client_ip             => { ip0 => 4294967295, ip1 => 0, ip2 => 127, ip3 => 128, rtdom_id => 4294967295 }],
+    [src_port              => 65535],
+    [device_id             => $U64_MAX],
+    [anomalies             => ['', 'scraper', "\x00\x7f", 'x' x 130]],
+    [mobile_is_app         => 1],
+    [dest_ip               => {}],
+    [session_id            => $U64_MAX],
+    [request_time          => 1700000000],
+    [anomaly_categories    => ['automation', '']],
+    [is_https_request      => 0],
+    [http_method           => 'POST'],
+    [slot_number           => 4294967295],
+    [is_update_request     => 1],
+    [support_id            => '0'],
+    [country_code          => 'NZ'],
+    [previous_support_id   => $U64_MAX],
+    [reason                => ''],
+    [host                  => 'www.example.test'],
+    [previous_request_time => 0],
+    [http_protocol_info    => 'HTTP/1.1'],
+);
+my @MIXED_POOL_SIZE;
+
+# record_hash_of_length($len, $shape): a record in its hash form whose encoding
+# (by encode_ref) is exactly $len bytes, $len at least 2. $shape 'string': one
+# string field, chosen by $len, holding pattern bytes. $shape 'mixed': the
+# fields of the pool above that fit, taken from a place in the pool that moves
+# with $len, then one more string field that fills up the rest. The same
+# arguments give the same record.
+sub record_hash_of_length {
+    my ($len, $shape) = @_;
+    die "record_hash_of_length: the length must be a whole number of at least 2\n"
+        unless defined $len && $len =~ /^[0-9]+\z/ && $len >= 2;
+    $shape = '' unless defined $shape;
+    my %h;
+    if ($shape eq 'string') {
+        my ($f, $n) = string_for($len, $len * 3, {});
+        $h{$f} = pattern_bytes($n, $len % 101);
+    }
+    elsif ($shape eq 'mixed') {
+        @MIXED_POOL_SIZE = map { length encode_ref({ $_->[0] => $_->[1] }) } @MIXED_POOL
+            unless @MIXED_POOL_SIZE;
+        my $rest = $len;
+        for my $k (0 .. $#MIXED_POOL) {
+            my $i = ($len + $k) % @MIXED_POOL;
+            my $size = $MIXED_POOL_SIZE[$i];
+            # A string field takes at least 2 bytes: never leave 1 to fill.
+            next unless $size == $rest || $size <= $rest - 2;
+            $h{ $MIXED_POOL[$i][0] } = $MIXED_POOL[$i][1];
+            $rest -= $size;
+        }
+        if ($rest) {
+            my ($f, $n) = string_for($rest, $len * 7, \%h);
+            $h{$f} = pattern_bytes($n, $len % 89);
+        }
+    }
+    else {
+        die "record_hash_of_length: the shape is 'string' or 'mixed', not '$shape'\n";
+    }
+    my $got = length encode_ref(\%h);
+    die "record_hash_of_length: the $shape record for $len bytes encodes to $got bytes\n" unless $got == $len;
+    return \%h;
+}
+
+# sweep_lengths(): the encoded lengths the pack tests sweep over, ascending:
+# every length from 2 to 3000 and every length within 3 bytes of a power of
+# two up to 2**20.
+sub sweep_lengths {
+    my %seen;
+    my @near = map { my $p = 2**$_; map { $p + $_ } -3 .. 3 } 1 .. 20;
+    return sort { $a <=> $b } grep { $_ >= 2 && !$seen{$_}++ } 2 .. 3000, @near;
+}
+
 # ---- helpers of the accessor and error tests ---------------------------------
 
 # error_of { ... }: runs the block and returns the exception it died with, or
@@ -460,6 +613,27 @@ sub build_cpp {
     my $output = `$command 2>&1`;
     my $built = $? == 0 && -x $bin;
     return { dir => $dir, bin => ($built ? $bin : undef), command => $command, output => $output };
+}
+
+# build_cpp_ok($source): build_cpp($source) for a test file that checks a C++
+# program. When the program cannot be built here the whole file is skipped
+# (plan skip_all, with the reason). Otherwise one assertion, "$source compiles
+# and links with src/quillon_event_log.pb.o", with the compiler's command and
+# output as diagnostics when it fails, and then the test file ends there.
+# Returns the directory for scratch files and the program.
+sub build_cpp_ok {
+    my $source = shift;
+    require Test::More;
+    my $build = build_cpp($source);
+    Test::More::plan(skip_all => $build->{skip}) if defined $build->{skip};
+    local $Test::Builder::Level = $Test::Builder::Level + 1;
+    Test::More::ok(defined $build->{bin}, "$source compiles and links with src/quillon_event_log.pb.o")
+        or Test::More::diag("$build->{command}\n$build->{output}");
+    unless (defined $build->{bin}) {
+        Test::More::done_testing();
+        exit;
+    }
+    return @$build{qw(dir bin)};
 }
 
 # run_program(\@argv, dir => $dir [, stdin => $file]): runs the command
