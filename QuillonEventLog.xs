@@ -15,6 +15,7 @@
 #include "families.h"
 #include "hash_form.h"
 #include "output_stream.h"
+#include "record_pool.h"
 
 using namespace qel;
 
@@ -110,7 +111,7 @@ new(CLASS, ...)
      * although every instance method accepts subclass objects. */
     if (std::strcmp(cls, kRecordClass) != 0)
         croak(kInvalidClass, cls);
-    Record *m = new Record;
+    Record *m = new_record();
     /* The mortal handle owns the record from here on, so a hash whose reading
      * dies frees it. */
     SV *handle = new_handle(aTHX_ class_stash(aTHX_ cv, kRecordClass), m);

@@ -109,13 +109,18 @@ inline HV *class_stash(pTHX_ CV *cv, const char *cls) {
     return stash ? stash : gv_stashpv(cls, GV_ADD);
 }
 
+// Ends a message owned by a handle; records go back to their pool.
+void free_record(Record *m);
+inline void free_message(Record *m) { free_record(m); }
+inline void free_message(Address *a) { delete a; }
+
 // DESTROY: frees the message and zeroes the handle, so a second DESTROY (an
 // explicit call followed by the automatic one) finds nothing to free.
 template <class Msg> inline void destroy_handle(pTHX_ SV *sv) {
     Msg *m = message_from_handle<Msg>(aTHX_ sv);
     if (!m)
         return;
-    delete m;
+    free_message(m);
     SV *referent = SvRV(sv);
     const bool readonly = SvREADONLY(referent);
     SvREADONLY_off(referent);

@@ -1,0 +1,40 @@
+// A small per-thread pool of cleared records.  Clearing keeps every string,
+// sub-record and list element a record has allocated, so a pooled record is
+// refilled without a malloc per field.  Only records whose content is small
+// are kept, so the pool holds a bounded amount of memory; it is per thread,
+// so no lock is needed, and it is freed when the thread ends.
+#include "record_pool.h"
+
+namespace qel {
+namespace {
+
+constexpr int kPoolSize = 16;
+constexpr size_t kLargestPooled = 16 * 1024;  // encoded bytes
+
+struct Pool {
+    Record *records[kPoolSize];
+    int count = 0;
+    ~Pool() {
+        while (count > 0)
+            delete records[--count];
+    }
+};
+
+thread_local Pool pool;
+
+}  // namespace
+
+Record *new_record() {
+    return pool.count > 0 ? pool.records[--pool.count] : new Record;
+}
+
+void free_record(Record *m) {
+    if (pool.count == kPoolSize || m->ByteSizeLong() > kLargestPooled) {
+        delete m;
+        return;
+    }
+    m->Clear();
+    pool.records[pool.count++] = m;
+}
+
+}  // namespace qel
