@@ -606,9 +606,14 @@ sub build_cpp {
     my $pb_dir = _pb_dir();
     my $pb_obj = "$pb_dir/quillon_event_log.pb.o";
 
+    # A sanitizer build of the message classes needs the same runtime here.
+    my $symbols = `nm $pb_obj 2>/dev/null` // '';
+    my @sanitize = (($symbols =~ /__asan_/ ? 'address' : ()), ($symbols =~ /__ubsan_/ ? 'undefined' : ()));
+    my $sanitize = @sanitize ? '-fsanitize=' . join(',', @sanitize) : '';
+
     my $dir = File::Temp::tempdir("qel-$tag-XXXXXX", TMPDIR => 1, CLEANUP => 1);
     my $bin = File::Spec->catfile($dir, $name);
-    my $command = join ' ', sh_quote(in_path('g++')), '-std=gnu++17', '-O1', '-I' . sh_quote($pb_dir), $pb_cflags,
+    my $command = join ' ', sh_quote(in_path('g++')), '-std=gnu++17', '-O1', $sanitize, '-I' . sh_quote($pb_dir), $pb_cflags,
         '-o', sh_quote($bin), sh_quote($src), sh_quote($pb_obj), $pb_libs;
     my $output = `$command 2>&1`;
     my $built = $? == 0 && -x $bin;
