@@ -15,7 +15,6 @@
 #include "families.h"
 #include "hash_form.h"
 #include "output_stream.h"
-#include "record_pool.h"
 
 using namespace qel;
 

@@ -109,8 +109,14 @@ inline HV *class_stash(pTHX_ CV *cv, const char *cls) {
     return stash ? stash : gv_stashpv(cls, GV_ADD);
 }
 
-// Ends a message owned by a handle; records go back to their pool.
+// Where records come from and go to (record_pool.cc): new() takes an empty
+// record from new_record(), DESTROY hands it back to free_record(), which
+// clears it and keeps it, with the storage of its strings, sub-records and
+// list elements, for the next new_record() of this thread.
+Record *new_record();
 void free_record(Record *m);
+
+// Ends a message owned by a handle.
 inline void free_message(Record *m) { free_record(m); }
 inline void free_message(Address *a) { delete a; }
 

@@ -3,7 +3,7 @@
 // refilled without a malloc per field.  Only records whose content is small
 // are kept, so the pool holds a bounded amount of memory; it is per thread,
 // so no lock is needed, and it is freed when the thread ends.
-#include "record_pool.h"
+#include "binding.h"
 
 namespace qel {
 namespace {
