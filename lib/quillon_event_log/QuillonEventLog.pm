@@ -180,6 +180,12 @@ C<DESTROY> (an explicit call followed by Perl's own) finds an empty handle
 and does nothing. After an explicit C<DESTROY> the object is an empty handle
 (see L</Method names, prototypes and empty handles>).
 
+A freed record whose encoding is at most 16 KiB is cleared and kept, up to
+16 per thread, and the next C<new> of that thread starts from it: its
+strings, addresses and list elements are refilled in place instead of being
+allocated again. Nothing of its content survives the clearing, so this is
+invisible except in speed and in the few kilobytes the kept records hold.
+
 =head2 copy_from
 
   $rec->copy_from($other);
