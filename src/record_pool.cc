@@ -14,7 +14,9 @@ constexpr size_t kLargestPooled = 16 * 1024;  // encoded bytes
 struct Pool {
     Record *records[kPoolSize];
     int count = 0;
+    bool open = true;  // off once the thread is ending: records are then just freed
     ~Pool() {
+        open = false;
         while (count > 0)
             delete records[--count];
     }
@@ -29,7 +31,7 @@ Record *new_record() {
 }
 
 void free_record(Record *m) {
-    if (pool.count == kPoolSize || m->ByteSizeLong() > kLargestPooled) {
+    if (!pool.open || pool.count == kPoolSize || m->ByteSizeLong() > kLargestPooled) {
         delete m;
         return;
     }
