@@ -21,8 +21,18 @@ constexpr size_t kEmptyPackLength = 16;
 }  // namespace
 
 OutputStream::OutputStream(pTHX_ SV *target, size_t first_block)
-    : my_perl(aTHX), target_(target), start_(SvCUR(target)), end_(start_),
-      next_block_(std::max<size_t>(first_block, 16)) {}
+    : my_perl(aTHX), target_(target), start_(0), end_(0),
+      next_block_(std::max<size_t>(first_block, 16)) {
+    // Blocks are written before the string's length covers them, so the
+    // buffer must be the target's own and start at its beginning: a shared
+    // (copy-on-write) buffer is copied, and an offset start moved back, now,
+    // while the length still covers every byte that counts.
+    if (SvIsCOW(target_))
+        sv_force_normal_flags(target_, 0);
+    if (SvOOK(target_))
+        SvOOK_off(target_);
+    start_ = end_ = SvCUR(target_);
+}
 
 bool OutputStream::Next(void **data, int *size) {
     // Keep one byte past the block for the string's terminating NUL.

@@ -25,7 +25,7 @@ our @EXPORT_OK = qw(
     flags_of is_string_sv is_int_sv
     ip_fields present_fields empty_handle_ok
     in_path sh_quote describe_status slurp
-    cpp_skip_reason build_cpp build_cpp_ok run_program
+    cpp_skip_reason build_cpp build_cpp_ok run_program perl_embed_flags
     quietly vlen string_fit string_for pattern_bytes
     record_hash_of_length sweep_lengths
 );
@@ -567,34 +567,89 @@ sub slurp {
 
 sub _pb_dir { "$ROOT/src" }
 
-# cpp_skip_reason(): undef when C++ programs can be built against the
-# generated message classes here (g++, pkg-config knowing protobuf, and
-# src/quillon_event_log.pb.o with its header); otherwise why not, naming what
-# to install or run.
+# cpp_skip_reason([@objects]): undef when C++ programs can be built against
+# the generated message classes here (g++, pkg-config knowing protobuf, and
+# src/quillon_event_log.pb.o with its header, and each further object in
+# @objects, paths relative to the top of the distribution); otherwise why not,
+# naming what to install or run.
 sub cpp_skip_reason {
+    my @objects = @_;
+    require File::Spec;
     in_path('g++')
         or return 'g++ is not installed (apt-get install g++)';
     in_path('pkg-config') && system('pkg-config --exists protobuf') == 0
         or return 'pkg-config protobuf is not available (apt-get install pkg-config libprotobuf-dev)';
     -e _pb_dir() . '/quillon_event_log.pb.o' && -e _pb_dir() . '/quillon_event_log.pb.h'
         or return 'src/quillon_event_log.pb.o has not been built yet (run make)';
+    for my $object (@objects) {
+        -e File::Spec->rel2abs($object, $ROOT)
+            or return "$object has not been built yet (run make)";
+    }
     return undef;
 }
 
-# build_cpp($source): compiles the C++ program $source (a path, relative to
-# the top of the distribution unless absolute) and links it with
-# src/quillon_event_log.pb.o and the protobuf library, into a new temporary
-# directory that is removed when the test ends. Returns a hash reference:
+# perl_embed_flags(): the compiler and linker flags of a program that embeds
+# this perl, as ExtUtils::Embed gives them (ccopts, ldopts), as two strings.
+# Without the development symlink libperl.so (Debian's libperl-dev), -lperl
+# finds nothing; the shared library itself ($Config{libperl}, e.g.
+# libperl.so.5.36) is then linked by its full path.
+sub perl_embed_flags {
+    require ExtUtils::Embed;
+    require Config;
+    require File::Spec;
+    # ccopts prints its flags under perl -e and returns them otherwise;
+    # ldopts with arguments always returns them (1: the standard set).
+    my $returned;
+    my $printed = _captured(sub { $returned = ExtUtils::Embed::ccopts() });
+    my $ccopts = $printed =~ /\S/ ? $printed : $returned;
+    my $ldopts = ExtUtils::Embed::ldopts(1);
+    s/^\s+//, s/\s+\z// for $ccopts, $ldopts;
+    if ($ldopts =~ /(?:^|\s)-lperl(?:\s|\z)/) {
+        my @dirs = (($ldopts =~ /(?:^|\s)-L(\S+)/g), split(' ', $Config::Config{libpth} // ''),
+                    "$Config::Config{archlibexp}/CORE");
+        my $linkable = grep { -e "$_/libperl.so" || -e "$_/libperl.a" } @dirs;
+        my $libperl = $Config::Config{libperl};
+        my ($file) = grep { -e } map { File::Spec->catfile($_, $libperl) } @dirs;
+        $ldopts =~ s/(^|\s)-lperl(?=\s|\z)/$1 . sh_quote($file)/e
+            if !$linkable && defined $file;
+    }
+    return ($ccopts, $ldopts);
+}
+
+# What a sub prints on the selected output handle.
+sub _captured {
+    my $code = shift;
+    my $text = '';
+    {
+        open my $fh, '>', \$text or die "cannot capture: $!";
+        my $old = select $fh;
+        $code->();
+        select $old;
+        close $fh;
+    }
+    return $text;
+}
+
+# build_cpp($source [, objects => \@objects, cflags => $flags, ldflags => $flags]):
+# compiles the C++ program $source (a path, relative to the top of the
+# distribution unless absolute) and links it with src/quillon_event_log.pb.o,
+# the further objects @objects (paths relative to the top, e.g.
+# 'src/output_stream.o') and the protobuf library, into a new temporary
+# directory that is removed when the test ends. $cflags go on the compiler's
+# command line before the source (after -Isrc and the protobuf flags), $ldflags
+# after the libraries (see perl_embed_flags for a program that embeds perl).
+# Returns a hash reference:
 #   skip     why nothing was tried (see cpp_skip_reason); no other key is set
 #   dir      the temporary directory, for the program's scratch files
 #   bin      the program, or undef when it did not compile or link
 #   command  the compiler's command line
 #   output   what the compiler printed
 sub build_cpp {
-    my $source = shift;
+    my ($source, %opt) = @_;
     require File::Spec;
     require File::Temp;
-    if (defined(my $why = cpp_skip_reason())) {
+    my @objects = @{ $opt{objects} || [] };
+    if (defined(my $why = cpp_skip_reason(@objects))) {
         return { skip => $why };
     }
     my $src = File::Spec->rel2abs($source, $ROOT);
@@ -605,34 +660,39 @@ sub build_cpp {
     chomp(my $pb_libs   = `pkg-config --libs protobuf`);
     my $pb_dir = _pb_dir();
     my $pb_obj = "$pb_dir/quillon_event_log.pb.o";
+    my @objs = ($pb_obj, map { File::Spec->rel2abs($_, $ROOT) } @objects);
 
     # A sanitizer build of the message classes needs the same runtime here.
-    my $symbols = `nm $pb_obj 2>/dev/null` // '';
+    my $symbols = join '', map { `nm $_ 2>/dev/null` // '' } map { sh_quote($_) } @objs;
     my @sanitize = (($symbols =~ /__asan_/ ? 'address' : ()), ($symbols =~ /__ubsan_/ ? 'undefined' : ()));
     my $sanitize = @sanitize ? '-fsanitize=' . join(',', @sanitize) : '';
 
     my $dir = File::Temp::tempdir("qel-$tag-XXXXXX", TMPDIR => 1, CLEANUP => 1);
     my $bin = File::Spec->catfile($dir, $name);
     my $command = join ' ', sh_quote(in_path('g++')), '-std=gnu++17', '-O1', $sanitize, '-I' . sh_quote($pb_dir), $pb_cflags,
-        '-o', sh_quote($bin), sh_quote($src), sh_quote($pb_obj), $pb_libs;
+        (defined $opt{cflags} ? $opt{cflags} : ()),
+        '-o', sh_quote($bin), sh_quote($src), (map { sh_quote($_) } @objs), $pb_libs,
+        (defined $opt{ldflags} ? $opt{ldflags} : ());
     my $output = `$command 2>&1`;
     my $built = $? == 0 && -x $bin;
     return { dir => $dir, bin => ($built ? $bin : undef), command => $command, output => $output };
 }
 
-# build_cpp_ok($source): build_cpp($source) for a test file that checks a C++
-# program. When the program cannot be built here the whole file is skipped
-# (plan skip_all, with the reason). Otherwise one assertion, "$source compiles
-# and links with src/quillon_event_log.pb.o", with the compiler's command and
-# output as diagnostics when it fails, and then the test file ends there.
-# Returns the directory for scratch files and the program.
+# build_cpp_ok($source [, %options]): build_cpp($source, %options) for a test
+# file that checks a C++ program. When the program cannot be built here the
+# whole file is skipped (plan skip_all, with the reason). Otherwise one
+# assertion, "$source compiles and links with src/quillon_event_log.pb.o"
+# (and the further objects, if any), with the compiler's command and output as
+# diagnostics when it fails, and then the test file ends there. Returns the
+# directory for scratch files and the program.
 sub build_cpp_ok {
-    my $source = shift;
+    my ($source, %opt) = @_;
     require Test::More;
-    my $build = build_cpp($source);
+    my $build = build_cpp($source, %opt);
     Test::More::plan(skip_all => $build->{skip}) if defined $build->{skip};
     local $Test::Builder::Level = $Test::Builder::Level + 1;
-    Test::More::ok(defined $build->{bin}, "$source compiles and links with src/quillon_event_log.pb.o")
+    my $with = join ' ', 'src/quillon_event_log.pb.o', @{ $opt{objects} || [] };
+    Test::More::ok(defined $build->{bin}, "$source compiles and links with $with")
         or Test::More::diag("$build->{command}\n$build->{output}");
     unless (defined $build->{bin}) {
         Test::More::done_testing();
