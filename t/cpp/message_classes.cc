@@ -31,43 +31,15 @@
 #include <string>
 #include <vector>
 
+#include "tap.h"
+
 namespace pb = google::protobuf;
 using quillon_event_log::IPAddr;
 using quillon_event_log::QuillonEventLog;
 using Q = QuillonEventLog;
 
 // ---------------------------------------------------------------------------
-// TAP output
-
-static int g_count = 0;
-static int g_failed = 0;
-
-static void diag(const std::string &text) {
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        std::printf("# %s\n", line.c_str());
-}
-
-static bool ok(bool cond, const std::string &name) {
-    ++g_count;
-    if (!cond)
-        ++g_failed;
-    std::printf("%sok %d - %s\n", cond ? "" : "not ", g_count, name.c_str());
-    std::fflush(stdout);
-    return cond;
-}
-
-static std::string hex(const std::string &bytes) {
-    std::ostringstream out;
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        if (i)
-            out << ' ';
-        out << std::uppercase << std::hex << std::setw(2) << std::setfill('0')
-            << static_cast<unsigned>(static_cast<unsigned char>(bytes[i]));
-    }
-    return out.str();
-}
+// Checks of byte strings and pointers (the rest of the TAP output is tap.h)
 
 // "0A 01 61" -> the three bytes.
 static std::string unhex(const std::string &text) {
@@ -77,38 +49,6 @@ static std::string unhex(const std::string &text) {
     while (in >> byte)
         out.push_back(static_cast<char>(std::stoul(byte, nullptr, 16)));
     return out;
-}
-
-template <typename T> static std::string show(const T &v) {
-    std::ostringstream out;
-    out << v;
-    return out.str();
-}
-// A string for a diagnostic line: printable ASCII as it is, other bytes as \xNN.
-static std::string show(const std::string &v) {
-    std::ostringstream out;
-    out << '"';
-    for (unsigned char c : v) {
-        if (c >= 0x20 && c < 0x7F && c != '"' && c != '\\')
-            out << c;
-        else
-            out << "\\x" << std::uppercase << std::hex << std::setw(2) << std::setfill('0') << static_cast<unsigned>(c);
-    }
-    out << '"';
-    return out.str();
-}
-static std::string show(bool v) { return v ? "true" : "false"; }
-static std::string show(const void *v) {
-    std::ostringstream out;
-    out << v;
-    return out.str();
-}
-
-template <typename G, typename W> static bool is(const G &got, const W &want, const std::string &name) {
-    const bool cond = (got == want);
-    if (!ok(cond, name))
-        diag("     got: " + show(got) + "\nexpected: " + show(want));
-    return cond;
 }
 
 static bool is_ptr(const void *got, const void *want, const std::string &name) {
@@ -1076,14 +1016,6 @@ static bool died(int status) {
     return WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) != 0);
 }
 
-static std::string describe_status(int status) {
-    if (WIFSIGNALED(status))
-        return "killed by signal " + std::to_string(WTERMSIG(status));
-    if (WIFEXITED(status))
-        return "exit " + std::to_string(WEXITSTATUS(status));
-    return "status " + std::to_string(status);
-}
-
 // Invalid UTF-8 is reported through the runtime's log, once when parsing and
 // once when serialising, naming the field; nothing else happens.
 static void test_utf8_report() {
@@ -1193,7 +1125,5 @@ int main() {
     google::protobuf::ShutdownProtobufLibrary();
     ok(true, "ShutdownProtobufLibrary() returns");
 
-    std::printf("1..%d\n", g_count);
-    std::fflush(stdout);
-    return g_failed ? 1 : 0;
+    return done_testing();
 }

@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "output_stream.h"  // the message classes, then perl.h
+#include "tap.h"
 
 namespace pb = google::protobuf;
 using quillon_event_log::QuillonEventLog;
@@ -43,39 +44,8 @@ using Q = QuillonEventLog;
 static PerlInterpreter *my_perl;  // the Perl API macros below find it here
 
 // ---------------------------------------------------------------------------
-// TAP output
-
-static int g_count = 0;
-static int g_failed = 0;
-
-static void diag(const std::string &text) {
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        std::printf("# %s\n", line.c_str());
-}
-
-// `todo`, when not empty, marks a known gap: reported, not counted as failed.
-static bool ok(bool cond, const std::string &name, const std::string &todo = "") {
-    ++g_count;
-    if (!cond && todo.empty())
-        ++g_failed;
-    std::printf("%sok %d - %s%s\n", cond ? "" : "not ", g_count, name.c_str(),
-                todo.empty() ? "" : (" # TODO " + todo).c_str());
-    std::fflush(stdout);
-    return cond;
-}
-
-static std::string hex(const std::string &bytes, size_t from = 0, size_t n = 24) {
-    std::ostringstream out;
-    for (size_t i = from; i < bytes.size() && i < from + n; ++i) {
-        if (i > from)
-            out << ' ';
-        out << std::uppercase << std::hex << std::setw(2) << std::setfill('0')
-            << static_cast<unsigned>(static_cast<unsigned char>(bytes[i]));
-    }
-    return out.str();
-}
+// Checks of byte strings, and many checks behind one TAP line (the rest of
+// the TAP output is tap.h)
 
 // Where two byte strings differ, for a diagnostic line.
 static std::string difference(const std::string &got, const std::string &want) {
@@ -85,21 +55,8 @@ static std::string difference(const std::string &got, const std::string &want) {
     const size_t from = i > 8 ? i - 8 : 0;
     std::ostringstream out;
     out << "lengths " << got.size() << " (got) and " << want.size() << " (expected); first difference at offset "
-        << i << "\n  got      ..." << hex(got, from) << "\n  expected ..." << hex(want, from);
+        << i << "\n  got      ..." << hex(got, from, 24) << "\n  expected ..." << hex(want, from, 24);
     return out.str();
-}
-
-template <typename T> static std::string show(const T &v) {
-    std::ostringstream out;
-    out << v;
-    return out.str();
-}
-
-template <typename G, typename W> static bool is(const G &got, const W &want, const std::string &name) {
-    const bool cond = (got == want);
-    if (!ok(cond, name))
-        diag("     got: " + show(got) + "\nexpected: " + show(want));
-    return cond;
 }
 
 static bool bytes_is(const std::string &got, const std::string &want, const std::string &name,
@@ -159,14 +116,6 @@ static void report_line(const std::string &text) {
             return;
         at += static_cast<size_t>(n);
     }
-}
-
-static std::string describe_status(int status) {
-    if (WIFSIGNALED(status))
-        return "killed by signal " + show(WTERMSIG(status));
-    if (WIFEXITED(status))
-        return "exit " + show(WEXITSTATUS(status));
-    return "status " + show(status);
 }
 
 // Runs `body` in a child process.  Returns "" when the child ran it to the
@@ -1231,7 +1180,5 @@ int main(int argc, char **argv, char **env) {
     google::protobuf::ShutdownProtobufLibrary();
     ok(true, "the interpreter is destructed and ShutdownProtobufLibrary() returns");
 
-    std::printf("1..%d\n", g_count);
-    std::fflush(stdout);
-    return g_failed ? 1 : 0;
+    return done_testing();
 }

@@ -25,7 +25,7 @@ our @EXPORT_OK = qw(
     flags_of is_string_sv is_int_sv
     ip_fields present_fields empty_handle_ok
     in_path sh_quote describe_status slurp
-    cpp_skip_reason build_cpp build_cpp_ok run_program perl_embed_flags
+    cpp_skip_reason build_cpp build_cpp_ok run_program relay_tap perl_embed_flags
     quietly vlen string_fit string_for pattern_bytes
     record_hash_of_length sweep_lengths
 );
@@ -721,6 +721,116 @@ sub run_program {
     my ($stdout, $stderr) = (slurp($out), slurp($err));
     unlink $out;
     return ($stdout, $status, $stderr);
+}
+
+# relay_tap($bin, dir => $dir [, valgrind => $flag, expected_stderr => $text,
+# cleanup => $text]): runs the C++ check program $bin (see t/cpp/tap.h) with
+# its scratch files in $dir and relays its TAP as tests of this file:
+#   - "ok N - name" and "not ok N - name" become ok() with the same name,
+#     within a TODO when the line ends in "# TODO why"; a number out of
+#     sequence is reported by diag();
+#   - "# " lines following a failure that is not TODO become diag(), all other
+#     "# " lines note(); a line of any other form is reported by diag();
+#   - then "the C++ checks all ran (P planned, S seen)": a plan was printed,
+#     it matches the number of checks, and there was at least one;
+#   - and "the C++ program exits 0", with the wait status as diagnostics.
+# What the program wrote on standard error is shown by diag() when a check
+# failed (TODO ones aside) or the exit status was not 0, otherwise by note(),
+# as what is expected there when $text is given (" ($text are expected)").
+# With $flag true the program is run a second time, under valgrind: four more
+# tests (skipped when valgrind is not installed): exit 0 (no memory errors,
+# no definite leaks), every check ran and passed (TODO ones aside), nothing
+# in use at exit ("under valgrind: $text", the cleanup option; by default
+# "ShutdownProtobufLibrary() leaves nothing in use"), and no errors at all.
+# The tests are reported at the line of the call.
+sub relay_tap {
+    my ($bin, %opt) = @_;
+    require Test::More;
+    my $dir = $opt{dir} or die "relay_tap: no dir\n";
+    local $Test::Builder::Level = $Test::Builder::Level + 1;
+
+    my ($out, $status, $stderr) = run_program([$bin], dir => $dir);
+    my ($planned, $seen, $failed) = _relay_lines($out);
+    Test::More::ok(defined $planned && $planned == $seen && $seen > 0,
+        'the C++ checks all ran (' . ($planned // 'no plan') . " planned, $seen seen)");
+    Test::More::is($status, 0, 'the C++ program exits 0')
+        or Test::More::diag(describe_status($status));
+    if ($failed || $status != 0) {
+        Test::More::diag("stderr of the C++ program:\n$stderr") if length $stderr;
+    }
+    elsif (length $stderr) {
+        my $expected = defined $opt{expected_stderr} ? " ($opt{expected_stderr} are expected)" : '';
+        Test::More::note("stderr of the C++ program$expected:\n$stderr");
+    }
+
+    _relay_valgrind($bin, $dir, $opt{cleanup} // 'ShutdownProtobufLibrary() leaves nothing in use')
+        if $opt{valgrind};
+    return;
+}
+
+# The TAP lines of relay_tap. Returns (planned, seen, failed): the number of
+# the plan line (undef without one), the checks seen, and those of them that
+# failed, TODO checks not counted.
+sub _relay_lines {
+    my ($out) = @_;
+    my $tb = Test::More->builder;
+    local $Test::Builder::Level = $Test::Builder::Level + 1;
+    my ($planned, $seen, $failed) = (undef, 0, 0);
+    my $quiet = 1;    # the last check passed or is TODO
+    for my $line (split /\n/, $out) {
+        if ($line =~ /^(not )?ok (\d+) - (.*?)(?: # TODO (.*))?$/) {
+            my ($bad, $number, $name, $todo) = ($1, $2, $3, $4);
+            ++$seen;
+            $quiet = !$bad || defined $todo;
+            ++$failed if $bad && !defined $todo;
+            # A reason of "" or "0" is no TODO to Test::More.
+            $tb->todo_start($todo) if $todo;
+            Test::More::ok(!$bad, $name);
+            $tb->todo_end if $todo;
+            Test::More::diag("numbered $number, expected $seen") if $number != $seen;
+        }
+        elsif ($line =~ /^1\.\.(\d+)$/) {
+            $planned = $1;
+        }
+        elsif ($line =~ /^#\s?(.*)$/) {
+            $quiet ? Test::More::note($1) : Test::More::diag($1);
+        }
+        else {
+            Test::More::diag("unexpected output: $line");
+        }
+    }
+    return ($planned, $seen, $failed);
+}
+
+# The valgrind run of relay_tap: four tests.
+sub _relay_valgrind {
+    my ($bin, $dir, $cleanup) = @_;
+    require File::Spec;
+    local $Test::Builder::Level = $Test::Builder::Level + 1;
+    SKIP: {
+        my $valgrind = in_path('valgrind')
+            or Test::More::skip('valgrind is not installed (apt-get install valgrind)', 4);
+        my $log = File::Spec->catfile($dir, 'valgrind.log');
+        my ($vout, $vstatus) = run_program(
+            [$valgrind, '--error-exitcode=99', '--leak-check=full', '--errors-for-leak-kinds=definite',
+             '--child-silent-after-fork=yes', "--log-file=$log", $bin],
+            dir => $dir,
+        );
+        my $report = slurp($log);
+        Test::More::is($vstatus, 0, 'under valgrind: exit 0 (no memory errors, no definite leaks)')
+            or Test::More::diag(describe_status($vstatus) . "\n$report");
+        my @results = $vout =~ /^(?:not )?ok \d+ - /mg;
+        my ($vplanned) = $vout =~ /^1\.\.(\d+)$/m;
+        Test::More::ok(defined $vplanned && $vplanned == @results && $vout !~ /^not ok \d+ - (?:(?! # TODO ).)*$/m,
+            'under valgrind: every C++ check ran and passed')
+            or Test::More::diag($vout);
+        Test::More::like($report, qr/in use at exit: 0 bytes in 0 blocks/, "under valgrind: $cleanup")
+            or Test::More::diag($report);
+        Test::More::like($report, qr/ERROR SUMMARY: 0 errors from 0 contexts/,
+            'under valgrind: nothing is freed twice or read after it was freed')
+            or Test::More::diag($report);
+    }
+    return;
 }
 
 # A tied scalar that counts how often its value is fetched:
