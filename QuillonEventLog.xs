@@ -5,7 +5,6 @@
  * holding the address of the record it owns. */
 #include "binding.h"
 
-#include <climits>
 #include <cstring>
 
 #include <google/protobuf/stubs/logging.h>
@@ -47,7 +46,7 @@ bool parse_record(Record &m, const char *bytes, STRLEN len) {
     std::abort();
 }
 
-void delete_record(pTHX_ void *record) { delete static_cast<Record *>(record); }
+void release_record(pTHX_ void *record) { free_record(static_cast<Record *>(record)); }
 
 enum class SourceOp { Copy, Merge };
 
@@ -74,8 +73,8 @@ void apply_source(pTHX_ Record &m, SV *source, SourceOp op) {
     /* The temporary record is freed by the scope, also when reading the hash
      * dies (a tied value's FETCH, a restricted hash). */
     ENTER;
-    Record *from = new Record;
-    SAVEDESTRUCTOR_X(delete_record, from);
+    Record *from = new_record();
+    SAVEDESTRUCTOR_X(release_record, from);
     fill_record(aTHX_ *from, reinterpret_cast<HV *>(SvRV(source)));
     if (op == SourceOp::Copy)
         m.CopyFrom(*from);
