@@ -10,7 +10,6 @@
 use strict;
 use warnings;
 use Test::More;
-use File::Spec;
 use FindBin;
 use lib "$FindBin::Bin/lib";
 use QelTest qw(:all);
@@ -121,7 +120,7 @@ add_case('parsed, empty client_ip', $PKG->new(unhex('2200')), 2);
 
 # ---- the runtime's turn -------------------------------------------------------------
 
-my $in = File::Spec->catfile($dir, 'records.bin');
+my $in = "$dir/records.bin";
 open my $fh, '>:raw', $in or die "cannot write $in: $!";
 print {$fh} pack('V', length $_->[1]), $_->[1] for @cases;
 close $fh or die "cannot write $in: $!";

@@ -530,12 +530,14 @@ sub empty_handle_ok {
 
 # ---- C++ programs built against the generated message classes -----------------
 
+# _abs($path): $path, taken relative to the repository root unless absolute.
+sub _abs { my $path = shift; $path =~ m{^/} ? $path : "$ROOT/$path" }
+
 # in_path($prog): the full path of the executable $prog found in PATH, or undef.
 sub in_path {
     my $prog = shift;
-    require File::Spec;
-    for my $dir (File::Spec->path) {
-        my $file = File::Spec->catfile($dir, $prog);
+    for my $dir (split /:/, $ENV{PATH} // '') {
+        my $file = "$dir/$prog";
         return $file if -f $file && -x _;
     }
     return undef;
@@ -574,7 +576,6 @@ sub _pb_dir { "$ROOT/src" }
 # naming what to install or run.
 sub cpp_skip_reason {
     my @objects = @_;
-    require File::Spec;
     in_path('g++')
         or return 'g++ is not installed (apt-get install g++)';
     in_path('pkg-config') && system('pkg-config --exists protobuf') == 0
@@ -582,7 +583,7 @@ sub cpp_skip_reason {
     -e _pb_dir() . '/quillon_event_log.pb.o' && -e _pb_dir() . '/quillon_event_log.pb.h'
         or return 'src/quillon_event_log.pb.o has not been built yet (run make)';
     for my $object (@objects) {
-        -e File::Spec->rel2abs($object, $ROOT)
+        -e _abs($object)
             or return "$object has not been built yet (run make)";
     }
     return undef;
@@ -596,7 +597,6 @@ sub cpp_skip_reason {
 sub perl_embed_flags {
     require ExtUtils::Embed;
     require Config;
-    require File::Spec;
     # ccopts prints its flags under perl -e and returns them otherwise;
     # ldopts with arguments always returns them (1: the standard set).
     my $returned;
@@ -609,7 +609,7 @@ sub perl_embed_flags {
                     "$Config::Config{archlibexp}/CORE");
         my $linkable = grep { -e "$_/libperl.so" || -e "$_/libperl.a" } @dirs;
         my $libperl = $Config::Config{libperl};
-        my ($file) = grep { -e } map { File::Spec->catfile($_, $libperl) } @dirs;
+        my ($file) = grep { -e } map { "$_/$libperl" } @dirs;
         $ldopts =~ s/(^|\s)-lperl(?=\s|\z)/$1 . sh_quote($file)/e
             if !$linkable && defined $file;
     }
@@ -646,13 +646,12 @@ sub _captured {
 #   output   what the compiler printed
 sub build_cpp {
     my ($source, %opt) = @_;
-    require File::Spec;
     require File::Temp;
     my @objects = @{ $opt{objects} || [] };
     if (defined(my $why = cpp_skip_reason(@objects))) {
         return { skip => $why };
     }
-    my $src = File::Spec->rel2abs($source, $ROOT);
+    my $src = _abs($source);
     (my $name = File::Basename::basename($src)) =~ s/\.[^.]*\z//;
     (my $tag = $name) =~ tr/_/-/;
 
@@ -660,7 +659,7 @@ sub build_cpp {
     chomp(my $pb_libs   = `pkg-config --libs protobuf`);
     my $pb_dir = _pb_dir();
     my $pb_obj = "$pb_dir/quillon_event_log.pb.o";
-    my @objs = ($pb_obj, map { File::Spec->rel2abs($_, $ROOT) } @objects);
+    my @objs = ($pb_obj, map { _abs($_) } @objects);
 
     # A sanitizer build of the message classes needs the same runtime here.
     my $symbols = join '', map { `nm $_ 2>/dev/null` // '' } map { sh_quote($_) } @objs;
@@ -668,7 +667,7 @@ sub build_cpp {
     my $sanitize = @sanitize ? '-fsanitize=' . join(',', @sanitize) : '';
 
     my $dir = File::Temp::tempdir("qel-$tag-XXXXXX", TMPDIR => 1, CLEANUP => 1);
-    my $bin = File::Spec->catfile($dir, $name);
+    my $bin = "$dir/$name";
     my $command = join ' ', sh_quote(in_path('g++')), '-std=gnu++17', '-O1', $sanitize, '-I' . sh_quote($pb_dir), $pb_cflags,
         (defined $opt{cflags} ? $opt{cflags} : ()),
         '-o', sh_quote($bin), sh_quote($src), (map { sh_quote($_) } @objs), $pb_libs,
@@ -708,10 +707,9 @@ sub build_cpp_ok {
 # wait status and what the program wrote on standard error.
 sub run_program {
     my ($argv, %opt) = @_;
-    require File::Spec;
     my $dir = $opt{dir} or die "run_program: no dir\n";
-    my $out = File::Spec->catfile($dir, 'stdout.bin');
-    my $err = File::Spec->catfile($dir, 'stderr.txt');
+    my $out = "$dir/stdout.bin";
+    my $err = "$dir/stderr.txt";
     unlink $out, $err;
     my $cmd = join ' ', (map { sh_quote($_) } @$argv),
         (defined $opt{stdin} ? '<' . sh_quote($opt{stdin}) : ()),
@@ -805,12 +803,11 @@ sub _relay_lines {
 # The valgrind run of relay_tap: four tests.
 sub _relay_valgrind {
     my ($bin, $dir, $cleanup) = @_;
-    require File::Spec;
     local $Test::Builder::Level = $Test::Builder::Level + 1;
     SKIP: {
         my $valgrind = in_path('valgrind')
             or Test::More::skip('valgrind is not installed (apt-get install valgrind)', 4);
-        my $log = File::Spec->catfile($dir, 'valgrind.log');
+        my $log = "$dir/valgrind.log";
         my ($vout, $vstatus) = run_program(
             [$valgrind, '--error-exitcode=99', '--leak-check=full', '--errors-for-leak-kinds=definite',
              '--child-silent-after-fork=yes', "--log-file=$log", $bin],
