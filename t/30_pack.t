@@ -170,19 +170,7 @@ is new_rec(mobile_app_display_name => 'x')->length, 4, 'length of mobile_app_dis
 # ---- unknown fields 6 and 31, every wire type ---------------------------------
 
 my @unknown = (
-    ['field 6 varint',            '3005'],
-    ['field 6 varint, 10 bytes',  '30ffffffffffffffffff01'],
-    ['field 6 fixed64',           '310102030405060708'],
-    ['field 6 length-delimited',  '3203616263'],
-    ['field 6 empty length-delimited', '3200'],
-    ['field 6 group',             '330801' . '3a0178' . '34'],
-    ['field 6 empty group',       '3334'],
-    ['field 6 fixed32',           '3501020304'],
-    ['field 31 varint',           'f80107'],
-    ['field 31 fixed64',          'f9010807060504030201'],
-    ['field 31 length-delimited', 'fa010278'. '79'],
-    ['field 31 group',            'fb01' . '1005' . 'fc01'],
-    ['field 31 fixed32',          'fd01ffffffff'],
+    unknown_field_samples(),
     ['field 62 varint',           'f00301'],
     ['field 1000 varint',         'c03e01'],
 );

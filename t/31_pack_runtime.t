@@ -44,21 +44,7 @@ for my $len (sweep_lengths()) {
 
 # ---- unknown fields (6 and 31 are free in the schema) ----------------------------
 
-my @unknown = (
-    ['field 6 varint',                 '3005'],
-    ['field 6 varint, 10 bytes',       '30ffffffffffffffffff01'],
-    ['field 6 fixed64',                '310102030405060708'],
-    ['field 6 length-delimited',       '3203616263'],
-    ['field 6 empty length-delimited', '3200'],
-    ['field 6 group',                  '33' . '0801' . '3a0178' . '34'],
-    ['field 6 empty group',            '3334'],
-    ['field 6 fixed32',                '3501020304'],
-    ['field 31 varint',                'f80107'],
-    ['field 31 fixed64',               'f9010807060504030201'],
-    ['field 31 length-delimited',      'fa01027879'],
-    ['field 31 group',                 'fb01' . '1005' . 'fc01'],
-    ['field 31 fixed32',               'fd01ffffffff'],
-);
+my @unknown = unknown_field_samples();
 my $all_unknown = join '', map { $_->[1] } @unknown;
 my $known = '0a0161' . '2204' . '0801' . '1002' . '980105' . 'a801ffffffffffffffffff01' . 'c80101'
           . 'e2020178' . 'ea020179' . 'aa030168';

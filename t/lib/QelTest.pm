@@ -27,10 +27,10 @@ our @EXPORT_OK = qw(
     in_path sh_quote describe_status slurp
     cpp_skip_reason build_cpp build_cpp_ok run_program relay_tap perl_embed_flags
     quietly vlen string_fit string_for pattern_bytes
-    record_hash_of_length sweep_lengths
+    record_hash_of_length sweep_lengths unknown_field_samples
 );
 our %EXPORT_TAGS = (
-    sweep => [qw(quietly vlen string_fit string_for pattern_bytes record_hash_of_length sweep_lengths)],
+    sweep => [qw(quietly vlen string_fit string_for pattern_bytes record_hash_of_length sweep_lengths unknown_field_samples)],
 );
 $EXPORT_TAGS{all} = [@EXPORT, @EXPORT_OK];
 
@@ -430,6 +430,27 @@ sub record_hash_of_length {
     my $got = length encode_ref(\%h);
     die "record_hash_of_length: the $shape record for $len bytes encodes to $got bytes\n" unless $got == $len;
     return \%h;
+}
+
+# unknown_field_samples(): [description, hex] of one field of every wire type
+# at the numbers the schema leaves free (6 and 31): varints (one of 10
+# bytes), fixed64, length-delimited (one empty), groups (one empty), fixed32.
+sub unknown_field_samples {
+    return (
+        ['field 6 varint',                 '3005'],
+        ['field 6 varint, 10 bytes',       '30ffffffffffffffffff01'],
+        ['field 6 fixed64',                '310102030405060708'],
+        ['field 6 length-delimited',       '3203616263'],
+        ['field 6 empty length-delimited', '3200'],
+        ['field 6 group',                  '33' . '0801' . '3a0178' . '34'],
+        ['field 6 empty group',            '3334'],
+        ['field 6 fixed32',                '3501020304'],
+        ['field 31 varint',                'f80107'],
+        ['field 31 fixed64',               'f9010807060504030201'],
+        ['field 31 length-delimited',      'fa01027879'],
+        ['field 31 group',                 'fb01' . '1005' . 'fc01'],
+        ['field 31 fixed32',               'fd01ffffffff'],
+    );
 }
 
 # sweep_lengths(): the encoded lengths the pack tests sweep over, ascending:
