@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-#include "quillon_event_log.pb.h"
+#include "families.h"  // Record, Address and the field table; no Perl in it
 
 #define PERL_NO_GET_CONTEXT
 extern "C" {
@@ -20,9 +20,6 @@ extern "C" {
 }
 
 namespace qel {
-
-using Record = quillon_event_log::QuillonEventLog;
-using Address = quillon_event_log::IPAddr;
 
 // Perl class names; each is the bless target, the type-test name and the only
 // name its `new` accepts.
