@@ -14,22 +14,11 @@
 #include "families.h"
 #include "hash_form.h"
 #include "output_stream.h"
+#include "wire_reader.h"
 
 using namespace qel;
 
 namespace {
-
-/* Parses `len` bytes into `m`, replacing its contents.  The count goes to the
- * parser as a signed 32-bit number, as the wire format's own limit: longer
- * input is cut to its low 32 bits, and a count that turns negative fails. */
-bool parse_record(Record &m, const char *bytes, STRLEN len) {
-    const auto count = static_cast<int32_t>(static_cast<uint32_t>(len));
-    if (count < 0) {
-        m.Clear();
-        return false;
-    }
-    return m.ParseFromArray(bytes, count);
-}
 
 /* Merging a record into itself is a broken precondition of the message class:
  * it ends the process through protobuf's fatal log, even inside eval, before

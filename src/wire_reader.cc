@@ -1,0 +1,252 @@
+// The wire reader.  It reads fields in any order and by number, keeps every
+// field it does not know (including field number 0, which the protobuf
+// runtime's own parsers refuse) in the message's unknown-field set so that
+// `pack` writes it out again, and stops with a failure on malformed input:
+// a bad varint or tag, a length running past the input or past its enclosing
+// sub-record, a sub-record that does not end at its length, nesting deeper
+// than the stream's recursion limit, unbalanced groups, wire types 6 and 7,
+// or more than kMaxWireBytes of input.  Strings are checked for UTF-8 the way
+// the generated classes do (logged, never refused).
+#include "wire_reader.h"
+
+#include <cstdint>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/stubs/logging.h>
+#include <google/protobuf/unknown_field_set.h>
+#include <google/protobuf/wire_format_lite.h>
+
+namespace qel {
+namespace {
+
+using google::protobuf::UnknownFieldSet;
+using google::protobuf::io::CodedInputStream;
+using WireFormatLite = google::protobuf::internal::WireFormatLite;
+
+// One known field, found by its number: its family, its operations (from the
+// field table) and its full name for the UTF-8 report.
+struct Slot {
+    Family family = Family::String;
+    const void *ops = nullptr;  // null: no field has this number
+    const char *full_name = nullptr;
+};
+
+// The field numbers come from the message's descriptor, so the .proto stays
+// the one place where they are written; the table is built once per process,
+// on the first parse.
+template <class Msg, size_t N> std::vector<Slot> slots_by_number(const FieldInfo<Msg> (&fields)[N]) {
+    const google::protobuf::Descriptor *descriptor = Msg::descriptor();
+    std::vector<Slot> slots;
+    for (const auto &f : fields) {
+        const google::protobuf::FieldDescriptor *fd = descriptor->FindFieldByName(f.name);
+        GOOGLE_CHECK(fd != nullptr) << "no field " << f.name << " in " << descriptor->full_name();
+        const auto number = static_cast<size_t>(fd->number());
+        if (slots.size() <= number)
+            slots.resize(number + 1);
+        slots[number] = Slot{f.family, f.ops, fd->full_name().c_str()};
+    }
+    return slots;
+}
+
+template <class Msg> const std::vector<Slot> &slots();
+template <> const std::vector<Slot> &slots<Record>() {
+    static const std::vector<Slot> table = slots_by_number(kRecordFields);
+    return table;
+}
+template <> const std::vector<Slot> &slots<Address>() {
+    static const std::vector<Slot> table = slots_by_number(kAddressFields);
+    return table;
+}
+
+constexpr WireFormatLite::WireType wire_type_of(Family family) {
+    return family == Family::UInt32 || family == Family::UInt64 || family == Family::Bool
+               ? WireFormatLite::WIRETYPE_VARINT
+               : WireFormatLite::WIRETYPE_LENGTH_DELIMITED;
+}
+
+// A length-delimited value.  The common case, a value wholly inside the
+// buffer, is one assign; the stream's own read handles the rest (it keeps
+// what it could read of a value running past the input).
+bool read_bytes(CodedInputStream &in, std::string *s) {
+    uint32_t length;
+    if (!in.ReadVarint32(&length))
+        return false;
+    const void *data;
+    int available;
+    in.GetDirectBufferPointerInline(&data, &available);
+    if (length <= static_cast<uint32_t>(available)) {
+        s->assign(static_cast<const char *>(data), length);
+        return in.Skip(static_cast<int>(length));
+    }
+    return in.ReadString(s, static_cast<int>(length));
+}
+
+bool read_string(CodedInputStream &in, std::string *s, const char *full_name) {
+    if (!read_bytes(in, s))
+        return false;
+    WireFormatLite::VerifyUtf8String(s->data(), static_cast<int>(s->size()), WireFormatLite::PARSE,
+                                     full_name);
+    return true;
+}
+
+bool skip_field(CodedInputStream &in, uint32_t tag, UnknownFieldSet *unknown);
+
+// The fields of a group, up to its end tag (left as the stream's last tag for
+// the caller to match) or the end of the input.
+bool skip_group_body(CodedInputStream &in, UnknownFieldSet *unknown) {
+    for (;;) {
+        const uint32_t tag = in.ReadTag();
+        if (tag == 0 || WireFormatLite::GetTagWireType(tag) == WireFormatLite::WIRETYPE_END_GROUP)
+            return true;
+        if (!skip_field(in, tag, unknown))
+            return false;
+    }
+}
+
+// Keeps an unknown field.  The field is added before its value is read, so a
+// failure leaves what was read of it, as the known fields do.
+bool skip_field(CodedInputStream &in, uint32_t tag, UnknownFieldSet *unknown) {
+    const int number = WireFormatLite::GetTagFieldNumber(tag);
+    switch (WireFormatLite::GetTagWireType(tag)) {
+    case WireFormatLite::WIRETYPE_VARINT: {
+        uint64_t value;
+        if (!in.ReadVarint64(&value))
+            return false;
+        unknown->AddVarint(number, value);
+        return true;
+    }
+    case WireFormatLite::WIRETYPE_FIXED64: {
+        uint64_t value;
+        if (!in.ReadLittleEndian64(&value))
+            return false;
+        unknown->AddFixed64(number, value);
+        return true;
+    }
+    case WireFormatLite::WIRETYPE_LENGTH_DELIMITED: {
+        return read_bytes(in, unknown->AddLengthDelimited(number));
+    }
+    case WireFormatLite::WIRETYPE_START_GROUP: {
+        if (!in.IncrementRecursionDepth())
+            return false;
+        if (!skip_group_body(in, unknown->AddGroup(number)))
+            return false;
+        in.DecrementRecursionDepth();
+        return in.LastTagWas(WireFormatLite::MakeTag(number, WireFormatLite::WIRETYPE_END_GROUP));
+    }
+    case WireFormatLite::WIRETYPE_FIXED32: {
+        uint32_t value;
+        if (!in.ReadLittleEndian32(&value))
+            return false;
+        unknown->AddFixed32(number, value);
+        return true;
+    }
+    default:  // an end-group tag here, or wire types 6 and 7
+        return false;
+    }
+}
+
+template <class Msg> bool read_message(CodedInputStream &in, Msg &m);
+
+// A sub-record: its length, then its fields inside a limit of that length,
+// one level deeper.  A length beyond the input fails at once.
+bool read_address(CodedInputStream &in, Address &a) {
+    uint32_t length;
+    if (!in.ReadVarint32(&length))
+        return false;
+    if (static_cast<int64_t>(length) > in.BytesUntilLimit() && in.BytesUntilLimit() >= 0)
+        return false;
+    if (!in.IncrementRecursionDepth())
+        return false;
+    const CodedInputStream::Limit limit = in.PushLimit(static_cast<int>(length));
+    if (!read_message(in, a) || !in.ConsumedEntireMessage())
+        return false;
+    in.PopLimit(limit);
+    in.DecrementRecursionDepth();
+    return true;
+}
+
+// The value of one known field whose tag carried the field's own wire type.
+// A later occurrence of a singular field replaces the earlier value; a later
+// address merges into the earlier one; list elements are appended.
+template <class Msg> bool read_value(CodedInputStream &in, Msg &m, const Slot &slot) {
+    switch (slot.family) {
+    case Family::String:
+        return read_string(in, static_cast<const StringField<Msg> *>(slot.ops)->mut(m), slot.full_name);
+    case Family::UInt32: {
+        uint32_t value;
+        if (!in.ReadVarint32(&value))
+            return false;
+        static_cast<const UInt32Field<Msg> *>(slot.ops)->set(m, value);
+        return true;
+    }
+    case Family::UInt64: {
+        uint64_t value;
+        if (!in.ReadVarint64(&value))
+            return false;
+        static_cast<const UInt64Field<Msg> *>(slot.ops)->set(m, value);
+        return true;
+    }
+    case Family::Bool: {  // any non-zero varint is true
+        uint64_t value;
+        if (!in.ReadVarint64(&value))
+            return false;
+        static_cast<const BoolField<Msg> *>(slot.ops)->set(m, value != 0);
+        return true;
+    }
+    case Family::Address:
+        if constexpr (std::is_same_v<Msg, Record>)
+            return read_address(in, *static_cast<const AddressField *>(slot.ops)->mut(m));
+        return false;
+    case Family::StringList:
+        if constexpr (std::is_same_v<Msg, Record>)
+            return read_string(in, static_cast<const StringListField *>(slot.ops)->add(m), slot.full_name);
+        return false;
+    }
+    return false;
+}
+
+// Fields up to the end of the input or of the current limit (true), an
+// end-group tag (true, the caller decides), or a fault (false).  A known
+// number with another wire type is kept as an unknown field.
+template <class Msg> bool read_message(CodedInputStream &in, Msg &m) {
+    const std::vector<Slot> &table = slots<Msg>();
+    for (;;) {
+        // Tags of one and two bytes, all of this schema's, are read inline.
+        const uint32_t tag = in.ReadTagWithCutoff(16383).first;
+        if (tag == 0)
+            return true;
+        const auto number = static_cast<size_t>(WireFormatLite::GetTagFieldNumber(tag));
+        if (number < table.size()) {
+            const Slot &slot = table[number];
+            if (slot.ops && WireFormatLite::GetTagWireType(tag) == wire_type_of(slot.family)) {
+                if (!read_value(in, m, slot))
+                    return false;
+                continue;
+            }
+        }
+        if (WireFormatLite::GetTagWireType(tag) == WireFormatLite::WIRETYPE_END_GROUP)
+            return true;
+        if (!skip_field(in, tag, m.mutable_unknown_fields()))
+            return false;
+    }
+}
+
+}  // namespace
+
+bool parse_record(Record &m, const char *bytes, size_t len) {
+    m.Clear();
+    const auto count = static_cast<int32_t>(static_cast<uint32_t>(len));
+    if (count < 0)
+        return false;
+    CodedInputStream in(reinterpret_cast<const uint8_t *>(bytes), count);
+    in.SetTotalBytesLimit(kMaxWireBytes);
+    // A clean end is the end of the input itself: not a zero byte where a tag
+    // should be, not an end-group tag, not the size limit.
+    return read_message(in, m) && in.ConsumedEntireMessage();
+}
+
+}  // namespace qel
