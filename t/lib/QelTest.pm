@@ -768,7 +768,7 @@ sub relay_tap {
     my $dir = $opt{dir} or die "relay_tap: no dir\n";
     local $Test::Builder::Level = $Test::Builder::Level + 1;
 
-    my ($out, $status, $stderr) = run_program([$bin], dir => $dir);
+    my ($out, $status, $stderr) = run_program([$bin, @{ $opt{args} || [] }], dir => $dir);
     my ($planned, $seen, $failed) = _relay_lines($out);
     Test::More::ok(defined $planned && $planned == $seen && $seen > 0,
         'the C++ checks all ran (' . ($planned // 'no plan') . " planned, $seen seen)");
