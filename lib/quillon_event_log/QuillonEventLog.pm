@@ -8,6 +8,16 @@ our $VERSION = '1.0';
 require XSLoader;
 XSLoader::load('quillon_event_log::QuillonEventLog', $VERSION);
 
+# A new Perl thread gets copies of every variable, and a copied handle would
+# hold the same record as the original: both would free it.  So objects of
+# both classes are not copied into new threads; there the variables hold
+# unblessed references to undef.
+sub CLONE_SKIP { 1 }
+
+package quillon_event_log::IPAddr;
+
+sub CLONE_SKIP { 1 }
+
 1;
 __END__
 
