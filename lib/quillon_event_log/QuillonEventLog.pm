@@ -14,9 +14,40 @@ XSLoader::load('quillon_event_log::QuillonEventLog', $VERSION);
 # unblessed references to undef.
 sub CLONE_SKIP { 1 }
 
+# Storable (freeze, dclone) would copy the handle, and with it the record's
+# address, so two objects would free one record.  A record travels as its
+# wire bytes instead and comes back as a new object of its own.
+sub STORABLE_freeze {
+    my ($self) = @_;
+    return $self->length ? $self->pack : '';
+}
+
+sub STORABLE_attach {
+    my ($class, undef, $bytes) = @_;
+    return bless __PACKAGE__->new($bytes), $class;
+}
+
 package quillon_event_log::IPAddr;
 
 sub CLONE_SKIP { 1 }
+
+my @ADDRESS_FIELDS = qw(ip0 ip1 ip2 ip3 rtdom_id);
+
+# An address travels as "ip0,ip1,ip2,ip3,rtdom_id", an absent field empty.
+sub STORABLE_freeze {
+    my ($self) = @_;
+    return join ',', map { my $has = "has_$_"; $self->$has ? $self->$_ : '' } @ADDRESS_FIELDS;
+}
+
+sub STORABLE_attach {
+    my ($class, undef, $text) = @_;
+    my @values = split /,/, $text, -1;
+    my %fields;
+    for my $i (0 .. $#ADDRESS_FIELDS) {
+        $fields{ $ADDRESS_FIELDS[$i] } = $values[$i] if defined $values[$i] && length $values[$i];
+    }
+    return bless __PACKAGE__->new(\%fields), $class;
+}
 
 1;
 __END__
