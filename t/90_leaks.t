@@ -61,6 +61,63 @@ my %cases = (
     },
 );
 
+# Every method of both classes, by name, with the argument count it takes.
+my @record_methods = (
+    [ new => 1 ], map({ [ $_ => 1 ] } qw(DESTROY clear is_initialized error_string discard_unkown_fields
+        debug_string short_debug_string pack length fields to_hashref)),
+    map({ [ $_ => 2 ] } qw(copy_from merge_from unpack)),
+);
+for my $f ($C->fields) {
+    if ($f eq 'anomalies' || $f eq 'anomaly_categories') {
+        push @record_methods, [ "${f}_size" => 1 ], [ "clear_$f" => 1 ], [ $f => 1 ], [ "add_$f" => 2 ];
+    }
+    else {
+        push @record_methods, [ "has_$f" => 1 ], [ "clear_$f" => 1 ], [ $f => 1 ], [ "set_$f" => 2 ];
+    }
+}
+my @address_methods = ([ new => 1 ], [ DESTROY => 1 ], [ to_hashref => 1 ],
+    map { ([ "has_$_" => 1 ], [ "clear_$_" => 1 ], [ $_ => 1 ], [ "set_$_" => 2 ]) } qw(ip0 ip1 ip2 ip3 rtdom_id));
+is scalar @record_methods, 251, 'the leak cases reach all 251 record methods';
+
+# Calls every method of @$methods in $class through its code reference with
+# the invocant $this, with no arguments, the invocant alone, one argument and
+# two (so one short, the right count and one too many for each), the
+# arguments being the scalar $$value itself (a tied one stays tied); every
+# croak is caught.  to_hashref is called in scalar context only: its result
+# for an empty handle is a null entry.
+sub call_all {
+    my ($class, $methods, $this, $value) = @_;
+    no warnings;    # undef and non-numbers on purpose
+    for my $m (@$methods) {
+        my $name = $m->[0];
+        next if $name eq 'DESTROY';
+        my $code = $class->can($name) or die "no method $name";
+        eval { my $r = $code->(); 1 };
+        eval { my $r = $code->($this); 1 };
+        eval { my $r = $code->($this, $$value); 1 };
+        eval { my $r = $code->($this, $$value, $$value); 1 };
+    }
+}
+
+my $dies = do { tie my $t, 'Dies'; \$t };
+%cases = (%cases,
+    'every record method: wrong counts, a foreign invocant' => sub { call_all($C, \@record_methods, [], \1) },
+    'every record method: wrong counts, an empty handle'   => sub { call_all($C, \@record_methods, bless(\(my $x = 0), $C), \'v') },
+    'every record method: a live record, a dying tied value' => sub { call_all($C, \@record_methods, $C->new(\%full), $dies) },
+    'every record method: a live record, a hash argument'  => sub { call_all($C, \@record_methods, $C->new(\%full), \\%full) },
+    'every address method: wrong counts, foreign and empty' => sub {
+        call_all($A, \@address_methods, [], \1);
+        call_all($A, \@address_methods, bless(\(my $x = 0), $A), \2);
+        call_all($A, \@address_methods, $A->new({ ip0 => 1 }), $dies);
+    },
+    'failed parses' => sub {
+        my $r = $C->new;
+        $r->unpack($_) for "\x0a\x05ab", "\x00", "\x22\x05\x08\x01", "\x0b" x 200 . "\x0c" x 200, "\x02\x00", "\x8a\x80\x80\x80\x80\x00\x01z";
+        $C->new("\x22\x03\x0b\x0b\x0b");
+    },
+    'Storable copies' => sub { require Storable; my $c = Storable::dclone($C->new(\%full)); my $a = Storable::dclone($c->client_ip) },
+);
+
 for my $name (sort keys %cases) {
     $cases{$name}->();    # warm up: first calls may cache
     no_leaks_ok { $cases{$name}->() } "no leaks: $name";
