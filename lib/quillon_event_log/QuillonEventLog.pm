@@ -358,8 +358,46 @@ argument (C<undef> reads as the empty string). It never merges: fields set
 before are gone. Returns 1 when the bytes parse, 0 when they do not; a
 failure is never an exception, and the record then holds what was parsed
 before the fault. The empty string parses to an empty record and returns 1.
+Empty handle: 0.
+
+What counts as a clean parse:
+
+=over 4
+
+=item *
+
+Fields may come in any order and any number of times: a later singular
+value replaces an earlier one, a later address merges into the earlier one,
+list elements are appended.
+
+=item *
+
+A field whose number the schema does not declare, or a declared number with
+another wire type, is kept as an unknown field and written again by C<pack>
+after the known fields, also field number 0 (C<"\x02\x00"> parses to 1 and
+packs to the same two bytes), and also inside C<client_ip> and C<dest_ip>.
+Groups are kept with their contents.
+
+=item *
+
+A 32-bit field or tag given as a longer varint (up to ten bytes) is read as
+its low 32 bits; a flag is true for any non-zero varint.
+
+=item *
+
+The parse fails (returns 0) on: a varint of more than ten bytes; a zero
+byte or an end-group tag where a field should start; wire types 6 and 7; a
+length running past the input or past its enclosing address; an address
+that does not end exactly at its length; an unbalanced group; nesting of
+addresses and groups deeper than 100 levels; and input longer than 64 MiB
+(67,108,864 bytes), which fails where it crosses that size (the runtime
+logs "A protocol message was rejected because it was too big" on standard
+error). A string running past the input keeps the bytes that were there.
+
+=back
+
 Inputs longer than 2,147,483,647 bytes are beyond the wire format's limit
-and are not parsed as a whole. Empty handle: 0.
+and are not parsed as a whole.
 
 =head2 pack
 
@@ -919,15 +957,82 @@ conversions of L</CONVERSIONS> meet such values and warnings are on.
 =head1 THREADS
 
 The module starts no threads and takes no locks; a record must be used by
-one thread at a time.
+one thread at a time (even reading its size writes a cached size).
 
-For now, objects of either class must not be carried into new Perl threads.
-The module does not take part in interpreter cloning: a thread created while
-an object exists gets a clone of the object that holds the same record
-address, and when both copies go away both free the same record, which
-corrupts memory or crashes the process. Create threads before making
-objects, or make the objects inside the thread that uses them, and pass
-records between threads as packed byte strings (L</pack>, then L</new>).
+Objects of both classes are not copied into new Perl threads: both classes
+return 1 from C<CLONE_SKIP>. A thread started while records and addresses
+exist, joined or detached, sees unblessed references to C<undef> in the
+variables that hold objects in its parent (a method call on one dies with
+Perl's "Can't call method ... on unblessed reference"); the parent's objects
+are untouched, and every record is freed exactly once, by the thread that
+made it. The same holds for objects passed to C<< threads->create >> as
+arguments and for objects returned from a thread through C<join>. To move a
+record between threads, move its bytes:
+
+  my ($bytes) = threads->create(sub { $make_record->()->pack })->join;
+  my $rec = quillon_event_log::QuillonEventLog->new($bytes);
+
+Inside any thread, records are made, used and freed as usual; each thread
+keeps its own small pool of freed records and frees it when it ends.
+
+Storable's C<freeze>/C<thaw> and C<dclone> copy a record through its wire
+bytes and an address through its five fields: the copy is a new object with
+a record of its own. Do not put objects into C<threads::shared> variables
+(C<shared_clone> would copy the handle, not the record).
+
+An explicit C<< $rec->DESTROY >> frees the record and sets the handle to 0,
+so Perl's own C<DESTROY> later frees nothing twice; after it the object is an
+empty handle (see L</Method names, prototypes and empty handles>).
+
+=head1 SECURITY
+
+The records carry what clients sent (raw requests, URIs, hosts), and the
+bytes given to C<new> and C<unpack> may be corrupt or hostile. What holds:
+
+=over 4
+
+=item *
+
+No input crashes the process or reads outside its buffer: every input
+either parses (C<unpack> returns 1) or fails (0), never an exception; the
+record then holds what was read before the fault and every method works on
+it. C<pack> of a record that parsed cleanly reads back to the same record.
+
+=item *
+
+Memory is bounded by the input: a length prefix larger than the input fails
+before anything is allocated for it, inputs over 64 MiB fail, nesting is
+limited to 100 levels, so a small input cannot make the module allocate much
+more than its own size.
+
+=item *
+
+Bytes are kept as they are: strings may hold zero bytes and invalid UTF-8,
+which is reported on standard error by the protocol-buffer runtime and never
+refused. Treat every string you read as untrusted bytes.
+
+=item *
+
+Values from Perl never corrupt a record: every setter converts its value
+(numbers cut to their width, 64-bit values parsed as text), dying tied
+values and wrong argument counts leave the record as it was, and no method
+leaks memory on any of its error paths.
+
+=item *
+
+A handle holding 0 (after an explicit C<DESTROY>, or made by hand) never
+crashes a method: see L</Method names, prototypes and empty handles>.
+A handle holding any other number that C<new> did not put there is outside
+what the module can check: do not forge handles, and do not C<thaw>
+Storable images from untrusted sources (Storable's own advice).
+
+=item *
+
+Merging a record into itself ends the process by design (see
+L</DIAGNOSTICS>); it needs the same object on both sides, which input data
+cannot bring about.
+
+=back
 
 =head1 SEE ALSO
 
