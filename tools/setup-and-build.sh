@@ -16,6 +16,7 @@ packages=(
     pkg-config
     libextutils-cppguess-perl
     libtest-leaktrace-perl
+    libgoogle-protocolbuffers-perl
 )
 
 missing=()

@@ -4,8 +4,9 @@ package QelTest;
 # hex dumps, record construction, a reader of the .proto at the top of the
 # distribution, a pure-Perl wire encoder of the hash form of a record that
 # the tests use as an oracle for what `pack` must produce, records of any given
-# encoded length for the length sweeps (tag :sweep), and the building and
-# running of the C++ checks.
+# encoded length for the length sweeps (tag :sweep), the building and running
+# of the C++ checks, and the two peers of the interop tests: Debian's protoc
+# and the pure-Perl protocol-buffer library (tag :peers).
 
 use strict;
 use warnings;
@@ -28,9 +29,13 @@ our @EXPORT_OK = qw(
     cpp_skip_reason build_cpp build_cpp_ok run_program relay_tap perl_embed_flags
     quietly vlen string_fit string_for pattern_bytes
     record_hash_of_length sweep_lengths unknown_field_samples
+    protoc_skip_reason run_protoc protoc_decode_batch protoc_encode_batch
+    perl_peer_skip_reason perl_peer peer_plain hash_text
 );
 our %EXPORT_TAGS = (
     sweep => [qw(quietly vlen string_fit string_for pattern_bytes record_hash_of_length sweep_lengths unknown_field_samples)],
+    peers => [qw(protoc_skip_reason run_protoc protoc_decode_batch protoc_encode_batch
+                 perl_peer_skip_reason perl_peer peer_plain hash_text)],
 );
 $EXPORT_TAGS{all} = [@EXPORT, @EXPORT_OK];
 
@@ -849,6 +854,178 @@ sub _relay_valgrind {
             or Test::More::diag($report);
     }
     return;
+}
+
+# ---- the peers: Debian's protoc and the pure-Perl protocol-buffer library -----
+
+# protoc_skip_reason(): undef when protoc is installed, else why not.
+sub protoc_skip_reason {
+    in_path('protoc') ? undef : 'protoc is not installed (apt-get install protobuf-compiler)';
+}
+
+# A temporary directory for protoc's input and output files and the wrapper
+# schema of the batches: a message whose field 1 holds any number of records,
+# so one protoc run reads or writes a whole batch of them.
+my $PEER_DIR;
+sub _peer_dir {
+    return $PEER_DIR if defined $PEER_DIR;
+    require File::Temp;
+    $PEER_DIR = File::Temp::tempdir('qel-peers-XXXXXX', TMPDIR => 1, CLEANUP => 1);
+    open my $fh, '>', "$PEER_DIR/qel_peer_batch.proto" or die "cannot write the batch schema: $!";
+    print $fh qq{syntax = "proto2";\npackage qel_peer_batch;\nimport "quillon_event_log.proto";\n},
+              qq{message Batch { repeated quillon_event_log.QuillonEventLog record = 1; }\n};
+    close $fh or die "cannot write the batch schema: $!";
+    return $PEER_DIR;
+}
+
+# run_protoc(\@args, $input): runs protoc with the arguments @args (no shell
+# in between) in the top directory, with -I for it and for the directory of
+# the batch schema, $input (bytes) on its standard input. Returns its
+# standard output (bytes), its wait status and its standard error.
+sub run_protoc {
+    my ($args, $input) = @_;
+    my $protoc = in_path('protoc') or die "protoc is not installed\n";
+    my $dir = _peer_dir();
+    my ($in, $out, $err) = map { "$dir/$_" } qw(in.bin out.bin err.txt);
+    open my $fh, '>:raw', $in or die "cannot write $in: $!";
+    print $fh $input;
+    close $fh or die "cannot write $in: $!";
+    my $pid = fork;
+    die "cannot fork: $!" unless defined $pid;
+    unless ($pid) {
+        chdir $ROOT && open(STDIN, '<', $in) && open(STDOUT, '>', $out) && open(STDERR, '>', $err)
+            && exec { $protoc } $protoc, "-I$ROOT", "-I$dir", @$args;
+        require POSIX;
+        POSIX::_exit(127);
+    }
+    waitpid $pid, 0;
+    my $status = $?;
+    my @result = (slurp($out), $status, slurp($err));
+    unlink $in, $out, $err;
+    return @result;
+}
+
+sub _batch_error {
+    my ($what, $status, $stderr, $detail) = @_;
+    return "protoc $what: " . describe_status($status) . ($detail ? "; $detail" : '') . "\n$stderr";
+}
+
+# protoc_decode_batch(\@bytes): protoc's text form of each record of @bytes
+# (wire bytes of one record each), all decoded by one run as one batch.
+# protoc prints each record as a block "record {" ... "}" whose lines are
+# indented by two spaces; the blocks are split apart and de-indented.
+# Returns (\@texts, undef), or (undef, $why) when protoc fails or its output
+# is not one such block per record.
+sub protoc_decode_batch {
+    my $list = shift;
+    my $input = join '', map { "\x0a" . varint(length $_) . $_ } @$list;
+    my ($out, $status, $stderr) = run_protoc(['--decode=qel_peer_batch.Batch', 'qel_peer_batch.proto'], $input);
+    return (undef, _batch_error('--decode', $status, $stderr)) if $status;
+    my (@texts, $text);
+    my $line_no = 0;
+    for my $line (split /^/m, $out) {
+        ++$line_no;
+        if (!defined $text && $line eq "record {\n") {
+            $text = '';
+        }
+        elsif (defined $text && $line eq "}\n") {
+            push @texts, $text;
+            undef $text;
+        }
+        elsif (defined $text && $line =~ /\A  (.*\n)\z/s) {
+            $text .= $1;
+        }
+        else {
+            return (undef, _batch_error('--decode', $status, $stderr, "unexpected output line $line_no: $line"));
+        }
+    }
+    return (undef, _batch_error('--decode', $status, $stderr, 'the last block is not closed')) if defined $text;
+    return (undef, _batch_error('--decode', $status, $stderr, scalar(@texts) . ' blocks for ' . scalar(@$list) . ' records'))
+        unless @texts == @$list;
+    return (\@texts, undef);
+}
+
+# protoc_encode_batch(\@texts): protoc's wire bytes of each record given in
+# the text form in @texts, all encoded by one run as one batch. Returns
+# (\@bytes, undef), or (undef, $why) when protoc fails or its output is not
+# one record field per text.
+sub protoc_encode_batch {
+    my $texts = shift;
+    my $input = join '', map { (my $t = $_) =~ s/^(?=.)/  /mg; "record {\n$t}\n" } @$texts;
+    my ($out, $status, $stderr) = run_protoc(['--encode=qel_peer_batch.Batch', 'qel_peer_batch.proto'], $input);
+    return (undef, _batch_error('--encode', $status, $stderr)) if $status;
+    my ($pos, @bytes) = (0);
+    while ($pos < length $out) {
+        return (undef, _batch_error('--encode', $status, $stderr, "no record field at offset $pos"))
+            unless substr($out, $pos++, 1) eq "\x0a";
+        my ($len, $shift) = (0, 0);
+        while (1) {
+            return (undef, _batch_error('--encode', $status, $stderr, 'the output ends inside a length'))
+                if $pos >= length $out;
+            my $b = ord substr $out, $pos++, 1;
+            $len |= ($b & 0x7f) << $shift;
+            $shift += 7;
+            last unless $b & 0x80;
+        }
+        return (undef, _batch_error('--encode', $status, $stderr, 'the output ends inside a record'))
+            if $pos + $len > length $out;
+        push @bytes, substr $out, $pos, $len;
+        $pos += $len;
+    }
+    return (undef, _batch_error('--encode', $status, $stderr, scalar(@bytes) . ' records for ' . scalar(@$texts) . ' texts'))
+        unless @bytes == @$texts;
+    return (\@bytes, undef);
+}
+
+# perl_peer_skip_reason(): undef when the pure-Perl library can be loaded,
+# else why not.
+sub perl_peer_skip_reason {
+    return eval { require Google::ProtocolBuffers; 1 } ? undef
+        : 'Google::ProtocolBuffers is not installed (apt-get install libgoogle-protocolbuffers-perl)';
+}
+
+# perl_peer(): the pure-Perl library's class of the record, made once from
+# the text of the .proto. Only the package line is changed (to qel_peer), so
+# that its classes are QelPeer::QuillonEventLog and QelPeer::IPAddr and stay
+# clear of the module's own package names.
+my $PEER_CLASS;
+sub perl_peer {
+    return $PEER_CLASS if defined $PEER_CLASS;
+    require Google::ProtocolBuffers;
+    my $text = slurp(proto_path());
+    $text =~ s/^package\s+quillon_event_log\s*;/package qel_peer;/m
+        or die "no package line in " . proto_path() . "\n";
+    my @classes = Google::ProtocolBuffers->parse($text, {});
+    die "the pure-Perl library made the classes @classes\n"
+        unless "@classes" eq 'QelPeer::IPAddr QelPeer::QuillonEventLog';
+    return $PEER_CLASS = 'QelPeer::QuillonEventLog';
+}
+
+# peer_plain($value): a copy of what the pure-Perl library decoded, with its
+# objects (blessed hashes of the record and of the addresses) turned into
+# plain hashes and arrays copied; other values are kept as they are.
+sub peer_plain {
+    my $v = shift;
+    require Scalar::Util;
+    my $type = Scalar::Util::reftype($v) // '';
+    return { map { $_ => peer_plain($v->{$_}) } keys %$v } if $type eq 'HASH';
+    return [ map { peer_plain($_) } @$v ] if $type eq 'ARRAY';
+    return $v;
+}
+
+# hash_text($hash): a record in the hash form (or any nest of hashes, arrays
+# and plain values) as one line of text, keys sorted and values by their
+# string form, bytes outside printable ASCII as \xNN: equal texts mean equal
+# contents. Numbers and strings of the same digits give the same text.
+sub hash_text {
+    my $v = shift;
+    my $type = ref $v;
+    return '{' . join(',', map { "$_=" . hash_text($v->{$_}) } sort keys %$v) . '}' if $type eq 'HASH';
+    return '[' . join(',', map { hash_text($_) } @$v) . ']' if $type eq 'ARRAY';
+    return 'undef' unless defined $v;
+    die "hash_text: a $type reference\n" if $type;
+    (my $s = "$v") =~ s/([^\x20-\x7e]|["\\])/sprintf '\\x%02x', ord $1/ge;
+    return qq{"$s"};
 }
 
 # A tied scalar that counts how often its value is fetched:
