@@ -41,34 +41,45 @@ enum class SourceOp { Copy, Merge };
 
 /* copy_from/merge_from: the source is a record object or a hash in the hash
  * form; anything else is ignored.  A source handle holding no record counts
- * as an empty record. */
-void apply_source(pTHX_ Record &m, SV *source, SourceOp op) {
+ * as an empty record.  Reading the source may run Perl code (a tied source's
+ * FETCH, tied values in the hash) that can free or replace the target's
+ * record, so the target is taken from its handle only afterwards. */
+void apply_source(pTHX_ SV *handle, SV *source, SourceOp op) {
+    if (!record_from_handle(aTHX_ handle))
+        return;
+    if (SvGMAGICAL(source))
+        source = sv_mortalcopy(source);  // one FETCH, then a plain value
     if (is_object_of(aTHX_ source, kRecordClass, sizeof kRecordClass - 1)) {
         const Record *from = message_of<Record>(aTHX_ source);
+        Record *m = record_from_handle(aTHX_ handle);
+        if (!m)
+            return;
         if (op == SourceOp::Copy) {
             if (from)
-                m.CopyFrom(*from);
+                m->CopyFrom(*from);
             else
-                m.Clear();
+                m->Clear();
         } else if (from) {
-            if (from == &m)
+            if (from == m)
                 die_self_merge();
-            m.MergeFrom(*from);
+            m->MergeFrom(*from);
         }
         return;
     }
     if (!is_hash_ref(source))
         return;
     /* The temporary record is freed by the scope, also when reading the hash
-     * dies (a tied value's FETCH, a restricted hash). */
+     * dies (a tied value's FETCH). */
     ENTER;
     Record *from = new_record();
     SAVEDESTRUCTOR_X(release_record, from);
     fill_record(aTHX_ *from, reinterpret_cast<HV *>(SvRV(source)));
-    if (op == SourceOp::Copy)
-        m.CopyFrom(*from);
-    else
-        m.MergeFrom(*from);
+    if (Record *m = record_from_handle(aTHX_ handle)) {
+        if (op == SourceOp::Copy)
+            m->CopyFrom(*from);
+        else
+            m->MergeFrom(*from);
+    }
     LEAVE;
 }
 
@@ -104,6 +115,8 @@ new(CLASS, ...)
     SV *handle = new_handle(aTHX_ class_stash(aTHX_ cv, kRecordClass), m);
     if (items == 2) {
         SV *arg = ST(1);
+        if (SvGMAGICAL(arg))
+            arg = sv_mortalcopy(arg);  // one FETCH, then a plain value
         if (is_hash_ref(arg)) {
             fill_record(aTHX_ *m, reinterpret_cast<HV *>(SvRV(arg)));
         } else {
@@ -129,8 +142,7 @@ copy_from(svTHIS, sv)
     SV *sv
   PROTOTYPE: $$
   CODE:
-    if (Record *m = record_from_handle(aTHX_ svTHIS))
-        apply_source(aTHX_ *m, sv, SourceOp::Copy);
+    apply_source(aTHX_ svTHIS, sv, SourceOp::Copy);
 
 void
 merge_from(svTHIS, sv)
@@ -138,8 +150,7 @@ merge_from(svTHIS, sv)
     SV *sv
   PROTOTYPE: $$
   CODE:
-    if (Record *m = record_from_handle(aTHX_ svTHIS))
-        apply_source(aTHX_ *m, sv, SourceOp::Merge);
+    apply_source(aTHX_ svTHIS, sv, SourceOp::Merge);
 
 void
 clear(svTHIS)
@@ -204,10 +215,12 @@ unpack(svTHIS, arg)
     /* Replaces the contents; on a failed parse the record keeps what was
      * read before the fault. */
     RETVAL = 0;
-    if (Record *m = record_from_handle(aTHX_ svTHIS)) {
+    if (record_from_handle(aTHX_ svTHIS)) {
         STRLEN len;
         const char *bytes = SvPV(arg, len);
-        RETVAL = parse_record(*m, bytes, len);
+        /* Reading the argument may have run Perl code that freed the record. */
+        if (Record *m = record_from_handle(aTHX_ svTHIS))
+            RETVAL = parse_record(*m, bytes, len);
     }
   OUTPUT:
     RETVAL

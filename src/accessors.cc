@@ -94,13 +94,17 @@ XS_INTERNAL(xs_address_set) {
     dXSARGS;
     if (items != 2)
         croak_xs_usage(cv, "svTHIS, svVAL");
-    Record &m = live_message_from_handle<Record>(aTHX_ ST(0));
+    live_message_from_handle<Record>(aTHX_ ST(0));
     SV *val = ST(1);
+    if (SvGMAGICAL(val))
+        val = sv_mortalcopy(val);  // one FETCH, then a plain value
     if (!is_object_of(aTHX_ val, kAddressClass, sizeof kAddressClass - 1))
         croak("%s", kValNotAddress);
     const Address *from = message_of<Address>(aTHX_ val);
     if (!from)
         XSRETURN_EMPTY;  // an empty address handle leaves the field as it was
+    // VAL's FETCH may have run Perl code that freed the record: read it again.
+    Record &m = live_message_from_handle<Record>(aTHX_ ST(0));
     field_ops<AddressField>(cv).mut(m)->CopyFrom(*from);
     XSRETURN_EMPTY;
 }
@@ -139,6 +143,7 @@ XS_INTERNAL(xs_list_get) {
         croak("%s", f.index_usage);
     if (items == 2) {
         const auto index = static_cast<int32_t>(static_cast<uint32_t>(SvIV(ST(1))));
+        m = record_from_handle(aTHX_ ST(0));  // the index's FETCH may have freed the record
         if (!m)
             XSRETURN_EMPTY;
         if (index < 0 || index >= f.size(*m))

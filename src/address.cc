@@ -21,8 +21,11 @@ XS_INTERNAL(xs_address_new) {
         croak(kInvalidClass, cls);
     Address *a = new Address;
     SV *handle = new_handle(aTHX_ class_stash(aTHX_ cv, kAddressClass), a);  // frees `a` should filling die
-    if (items == 2 && is_hash_ref(ST(1)))
-        fill_address(aTHX_ *a, reinterpret_cast<HV *>(SvRV(ST(1))));
+    if (items == 2) {
+        SV *arg = SvGMAGICAL(ST(1)) ? sv_mortalcopy(ST(1)) : ST(1);  // one FETCH
+        if (is_hash_ref(arg))
+            fill_address(aTHX_ *a, reinterpret_cast<HV *>(SvRV(arg)));
+    }
     ST(0) = handle;
     XSRETURN(1);
 }

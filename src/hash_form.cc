@@ -26,13 +26,16 @@ inline void store(pTHX_ HV *hv, const char *key, size_t len, U32 hash, SV *value
 
 // A plain hash (no magic, not restricted) is read by walking the key's bucket
 // with the precomputed hash, which is what hv_fetch does for it, minus its
-// generality; tied, magical and restricted hashes go through hv_fetch itself,
-// so their FETCH calls and errors are Perl's own.  Either way a lookup only
-// reads: no key is ever added.
+// generality.  A tied hash answers every fetch with a proxy and a restricted
+// one dies on a key it does not allow, so for those (and any other magical
+// hash) the key's existence is asked first (a tied hash's EXISTS), then the
+// value fetched.  Either way a lookup only reads: no key is ever added.
 inline SV *fetch(pTHX_ HV *hv, const char *key, size_t len, U32 hash) {
     if (SvMAGICAL(hv) || SvREADONLY(hv)) {
-        SV **svp = static_cast<SV **>(
-            hv_common_key_len(hv, key, static_cast<I32>(len), HV_FETCH_JUST_SV, nullptr, hash));
+        const auto klen = static_cast<I32>(len);
+        if (!hv_common_key_len(hv, key, klen, HV_FETCH_ISEXISTS, nullptr, hash))
+            return nullptr;
+        SV **svp = static_cast<SV **>(hv_common_key_len(hv, key, klen, HV_FETCH_JUST_SV, nullptr, hash));
         return svp ? *svp : nullptr;
     }
     if (!HvARRAY(hv))
@@ -44,6 +47,11 @@ inline SV *fetch(pTHX_ HV *hv, const char *key, size_t len, U32 hash) {
     }
     return nullptr;
 }
+
+// A value with get-magic (a tied hash's proxy, a tied element) is fetched
+// once into a plain mortal copy, so its kind can be tested and it is never
+// fetched twice.
+inline SV *plain(pTHX_ SV *value) { return SvGMAGICAL(value) ? sv_mortalcopy(value) : value; }
 
 SV *list_to_sv(pTHX_ const StringListField &f, const Record &m, int count) {
     AV *av = newAV();
@@ -63,7 +71,7 @@ void fill_list(pTHX_ const StringListField &f, Record &m, AV *av) {
         SV **elem = av_fetch(av, i, 0);
         if (!elem)
             continue;
-        STRLEN len;
+        STRLEN len;  // SvPV fetches a tied element once
         const char *bytes = SvPV(*elem, len);
         f.add(m)->assign(bytes, len);
     }
@@ -149,7 +157,7 @@ void fill_address(pTHX_ Address &a, HV *hv) {
     for (size_t i = 0; i < kAddressFieldCount; ++i) {
         const auto &fi = kAddressFields[i];
         if (SV *value = fetch(aTHX_ hv, fi.name, fi.len, address_key_hash[i]))
-            set_value<UInt32Field<Address>>(aTHX_ fi, a, value);
+            set_value<UInt32Field<Address>>(aTHX_ fi, a, plain(aTHX_ value));
     }
 }
 
@@ -159,6 +167,7 @@ void fill_record(pTHX_ Record &m, HV *hv) {
         SV *value = fetch(aTHX_ hv, fi.name, fi.len, record_key_hash[i]);
         if (!value)
             continue;
+        value = plain(aTHX_ value);
         switch (fi.family) {
         case Family::String: {
             STRLEN len;

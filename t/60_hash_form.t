@@ -539,4 +539,43 @@ sub from_hash {
     is_deeply $r->client_ip->to_hashref, { ip0 => 1, rtdom_id => 4 }, 'new(\%h): tied address values stored';
 }
 
+# ---- tied and restricted hashes ----------------------------------------------------
+# A tied hash is read through EXISTS and FETCH: keys it does not have stay
+# absent, and its nested hashes and arrays are read as in a plain hash.  A
+# restricted hash is read without dying on the keys it does not allow.  A
+# tied element is fetched once, so a tied address or list value works too.
+{
+    require Tie::Hash;
+    tie my %t, 'Tie::StdHash';
+    %t = (bot_name => 'x', client_ip => { ip0 => 3 }, anomalies => ['a', 'b'], src_port => 7);
+    is_deeply $CLASS->new(\%t)->to_hashref, { bot_name => 'x', client_ip => { ip0 => 3 }, anomalies => ['a', 'b'], src_port => 7 },
+        'new(tied hash): exactly its keys, nested hash and array included';
+    my $r = $CLASS->new({ host => 'h' });
+    $r->merge_from(\%t);
+    is_deeply [ sort keys %{ $r->to_hashref } ], [qw(anomalies bot_name client_ip host src_port)], 'merge_from(tied hash): its keys only';
+    tie my %a, 'Tie::StdHash';
+    %a = (ip1 => 9);
+    is_deeply $ADDR_CLASS->new(\%a)->to_hashref, { ip1 => 9 }, 'IPAddr->new(tied hash): its keys only';
+
+    require Hash::Util;
+    my %locked = (bot_name => 'y', dest_ip => { ip0 => 1 });
+    Hash::Util::lock_hashref(\%locked);
+    is_deeply $CLASS->new(\%locked)->to_hashref, { bot_name => 'y', dest_ip => { ip0 => 1 } }, 'new(restricted hash): read without dying';
+    my %la = (ip0 => 5);
+    Hash::Util::lock_ref_keys(\%la);
+    is_deeply $ADDR_CLASS->new(\%la)->to_hashref, { ip0 => 5 }, 'IPAddr->new(restricted hash): read without dying';
+
+    package CountingScalar { sub TIESCALAR { bless { v => $_[1], n => 0 }, $_[0] } sub FETCH { $_[0]{n}++; $_[0]{v} } }
+    my %h;
+    my $addr = tie $h{client_ip}, 'CountingScalar', { ip2 => 4 };
+    my $list = tie $h{anomalies}, 'CountingScalar', ['p'];
+    my $name = tie $h{bot_name}, 'CountingScalar', 'n';
+    is_deeply $CLASS->new(\%h)->to_hashref, { client_ip => { ip2 => 4 }, anomalies => ['p'], bot_name => 'n' },
+        'new(\%h): tied elements holding a hash, an array and a string';
+    is join(',', $addr->{n}, $list->{n}, $name->{n}), '1,1,1', '... each fetched once';
+    my $whole = tie my $ts, 'CountingScalar', { host => 'from a tied argument' };
+    is $CLASS->new($ts)->host, 'from a tied argument', 'new($tied): a tied hash reference is read as a hash';
+    is $whole->{n}, 1, '... fetched once';
+}
+
 done_testing;

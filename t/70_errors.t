@@ -235,4 +235,40 @@ for my $f (@LIST_GETTERS) {
     bless $s, $CLASS;
 }
 
+# ---- a FETCH that frees the record in the middle of a call ---------------------------
+# Converting an argument may run Perl code; when that code destroys the very
+# record of the call, the method finds an empty handle afterwards instead of
+# working on freed memory (checked in the sanitizer build).
+{
+    package FreesRecord { sub TIESCALAR { bless { code => $_[1], v => $_[2] }, $_[0] } sub FETCH { $_[0]{code}->(); $_[0]{v} } }
+    my $fill_pool = sub { my @r = map { $CLASS->new } 1 .. 20 };    # the freed record may be reused
+    my $r;
+    my $kill = sub { $r->DESTROY; $fill_pool->() };
+
+    $r = $CLASS->new({ anomalies => ['a'] });
+    tie my $index, 'FreesRecord', $kill, 0;
+    is_deeply [ $r->anomalies($index) ], [], 'list getter: the index freed the record, an empty-handle result';
+    $r = $CLASS->new({ bot_name => 'b' });
+    tie my $bytes, 'FreesRecord', $kill, "\x0a\x01z";
+    is $r->unpack($bytes), 0, 'unpack: the bytes freed the record, the empty-handle result 0';
+    $r = $CLASS->new({ bot_name => 'b' });
+    my %h;
+    tie $h{host}, 'FreesRecord', $kill, 'h';
+    $r->copy_from(\%h);
+    is ${$r}, 0, 'copy_from: a value of the hash freed the record, nothing copied into freed memory';
+    $r = $CLASS->new({ bot_name => 'b' });
+    tie my $source, 'FreesRecord', $kill, $CLASS->new({ host => 's' });
+    $r->merge_from($source);
+    is ${$r}, 0, 'merge_from: the source freed the record, nothing merged into freed memory';
+    $r = $CLASS->new({ bot_name => 'b' });
+    tie my $val, 'FreesRecord', $kill, $CLASS->new({ client_ip => { ip0 => 1 } })->client_ip;
+    like error_of { $r->set_client_ip($val) }, qr/^THIS holds no quillon_event_log::QuillonEventLog record at /,
+        'set_client_ip: VAL freed the record, the empty-handle error';
+    $r = $CLASS->new({ bot_name => 'b' });
+    tie my $str, 'FreesRecord', $kill, 'v';
+    like error_of { $r->set_host($str) }, qr/^THIS holds no quillon_event_log::QuillonEventLog record at /,
+        'set_host: VAL freed the record, the empty-handle error';
+    is scalar(keys %{ $CLASS->new->to_hashref }), 0, 'records made afterwards start empty';
+}
+
 done_testing;

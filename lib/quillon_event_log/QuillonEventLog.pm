@@ -797,6 +797,13 @@ looked at, and values of the wrong kind are converted by Perl's ordinary
 conversions or skipped. A hash reference with only unknown keys gives an
 empty record.
 
+Tied and restricted hashes read like plain ones. A tied hash is asked
+whether each field's key C<EXISTS> and then C<FETCH>es the value of each key
+it has, so it gives exactly the fields it holds, nested hashes and arrays
+included. A restricted hash (L<Hash::Util>) is read without Perl's
+"disallowed key" error for the field keys it does not allow. Every value with
+magic (a tied element, C<$1>, a tied argument) is fetched exactly once.
+
 With C<copy_from> the record becomes exactly what the hash describes; with
 C<merge_from> the keys of the hash replace the record's singular fields,
 missing keys leave them as they were, array elements are appended to the
@@ -1016,7 +1023,11 @@ refused. Treat every string you read as untrusted bytes.
 Values from Perl never corrupt a record: every setter converts its value
 (numbers cut to their width, 64-bit values parsed as text), dying tied
 values and wrong argument counts leave the record as it was, and no method
-leaks memory on any of its error paths.
+leaks memory on any of its error paths. Arguments are converted before the
+record is touched, so a tied argument whose C<FETCH> frees the very record
+of the call (by an explicit C<DESTROY>) leaves the method with an empty
+handle: it gives the empty-handle result or error, never writes into freed
+memory.
 
 =item *
 
