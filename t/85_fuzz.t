@@ -1,0 +1,78 @@
+#!/usr/bin/perl
+# A short run of each fuzzer of xt/ with fixed seeds: every input and every
+# call must end consistently (exit status 0, no problem in the summary), the
+# summary must count exactly what was asked for, a seed must give the same
+# inputs again, and standard error may hold nothing but the runtime's
+# complaints about strings that are not UTF-8.
+use strict;
+use warnings;
+use Test::More;
+use FindBin;
+use lib "$FindBin::Bin/lib";
+use File::Temp ();
+use QelTest qw(sh_quote describe_status slurp);
+
+my $ROOT = "$FindBin::Bin/..";
+my @PERL = ($^X, "-I$ROOT/blib/lib", "-I$ROOT/blib/arch");
+my $TMP = File::Temp::tempdir('qel-fuzz-XXXXXX', TMPDIR => 1, CLEANUP => 1);
+my $UTF8_LINE = qr/^\[libprotobuf ERROR [^\]]+\] String field '[\w.]+' contains invalid UTF-8 data when (?:parsing|serializing) a protocol buffer\. Use the 'bytes' type if you intend to send raw bytes\. ?$/;
+
+# fuzz($script, @options): runs xt/$script and returns its wait status, its
+# standard output, and the lines of its standard error that are not the
+# runtime's UTF-8 complaints.
+sub fuzz {
+    my ($script, @options) = @_;
+    my ($out, $err) = ("$TMP/out", "$TMP/err");
+    system join ' ', (map { sh_quote($_) } @PERL, "$ROOT/xt/$script", '--quiet', @options),
+        '>' . sh_quote($out), '2>' . sh_quote($err);
+    my $status = $?;
+    my @other = grep { !/$UTF8_LINE/ } split /\n/, slurp($err);
+    return ($status, slurp($out), @other);
+}
+
+# run_ok($name, $script, \@options, $summary_re): one run that must exit 0
+# with nothing unexpected on standard error and end in a summary line that
+# matches $summary_re; returns the summary's captures.
+sub run_ok {
+    my ($name, $script, $options, $summary_re) = @_;
+    local $Test::Builder::Level = $Test::Builder::Level + 1;
+    my ($status, $out, @stderr) = fuzz($script, @$options);
+    my @lines = split /\n/, $out;
+    my @caught = @lines ? $lines[-1] =~ $summary_re : ();
+    is_deeply \@stderr, [], "$name: standard error holds only the runtime's UTF-8 complaints"
+        or diag join "\n", @stderr[0 .. ($#stderr < 20 ? $#stderr : 20)];
+    is $status, 0, "$name: exit status 0" or diag describe_status($status);
+    ok scalar(@caught), "$name: the summary line counts what was asked for"
+        or diag "last line: " . (@lines ? $lines[-1] : '(no output)');
+    diag "output:\n$out" if @lines > 1;    # problems or unexpected text
+    return @caught;
+}
+
+my $WIRE = qr/^fuzz_wire: seed (\d+), inputs (\d+), parsed (\d+), rejected (\d+), longest (\d+) bytes, problems 0, elapsed [0-9.]+ s, \(\d+ inputs\/s\)$/;
+my $CALLS = qr/^fuzz_calls: seed (\d+), calls (\d+), exceptions (\d+), distinct texts (\d+), invariant checks (\d+), warnings (\d+), problems 0, elapsed [0-9.]+ s, \(\d+ calls\/s\)$/;
+
+# The wire fuzzer: 1200 inputs, then the same inputs in two halves.
+my ($seed, $inputs, $parsed, $rejected, $longest) =
+    run_ok('fuzz_wire --seed 11 --count 1200', 'fuzz_wire.pl', [qw(--seed 11 --count 1200)], $WIRE);
+is $seed, 11, 'fuzz_wire: the summary names the seed';
+is $inputs, 1200, 'fuzz_wire: inputs 1200';
+is $parsed + $rejected, 1200, 'fuzz_wire: every input was parsed or rejected';
+ok $parsed > 0 && $rejected > 0, "fuzz_wire: some inputs parse ($parsed) and some do not ($rejected)";
+
+my (undef, $in1, $parsed1, $rejected1, $longest1) =
+    run_ok('fuzz_wire --seed 11 --count 600', 'fuzz_wire.pl', [qw(--seed 11 --count 600)], $WIRE);
+my (undef, $in2, $parsed2, $rejected2, $longest2) =
+    run_ok('fuzz_wire --seed 11 --first 600 --count 600', 'fuzz_wire.pl', [qw(--seed 11 --first 600 --count 600)], $WIRE);
+is_deeply [$in1 + $in2, $parsed1 + $parsed2, $rejected1 + $rejected2, ($longest1 > $longest2 ? $longest1 : $longest2)],
+    [$inputs, $parsed, $rejected, $longest], 'fuzz_wire: the seed gives the same inputs when split at input 600';
+
+# The call fuzzer: 10000 calls, twice with the same seed.
+my @calls = run_ok('fuzz_calls --seed 12 --count 10000', 'fuzz_calls.pl', [qw(--seed 12 --count 10000)], $CALLS);
+is $calls[0], 12, 'fuzz_calls: the summary names the seed';
+is $calls[1], 10000, 'fuzz_calls: calls 10000';
+ok $calls[2] > 0 && $calls[2] < 10000, "fuzz_calls: some calls raise exceptions ($calls[2])";
+ok $calls[4] > 0, "fuzz_calls: invariants were checked ($calls[4] times)";
+my @again = run_ok('fuzz_calls --seed 12 --count 10000, again', 'fuzz_calls.pl', [qw(--seed 12 --count 10000)], $CALLS);
+is_deeply \@again, \@calls, 'fuzz_calls: the seed gives the same calls again';
+
+done_testing;
