@@ -47,8 +47,7 @@ enum class SourceOp { Copy, Merge };
 void apply_source(pTHX_ SV *handle, SV *source, SourceOp op) {
     if (!record_from_handle(aTHX_ handle))
         return;
-    if (SvGMAGICAL(source))
-        source = sv_mortalcopy(source);  // one FETCH, then a plain value
+    source = fetched_once(aTHX_ source);
     if (is_object_of(aTHX_ source, kRecordClass, sizeof kRecordClass - 1)) {
         const Record *from = message_of<Record>(aTHX_ source);
         Record *m = record_from_handle(aTHX_ handle);
@@ -114,9 +113,7 @@ new(CLASS, ...)
      * dies frees it. */
     SV *handle = new_handle(aTHX_ class_stash(aTHX_ cv, kRecordClass), m);
     if (items == 2) {
-        SV *arg = ST(1);
-        if (SvGMAGICAL(arg))
-            arg = sv_mortalcopy(arg);  // one FETCH, then a plain value
+        SV *arg = fetched_once(aTHX_ ST(1));
         if (is_hash_ref(arg)) {
             fill_record(aTHX_ *m, reinterpret_cast<HV *>(SvRV(arg)));
         } else {

@@ -95,9 +95,7 @@ XS_INTERNAL(xs_address_set) {
     if (items != 2)
         croak_xs_usage(cv, "svTHIS, svVAL");
     live_message_from_handle<Record>(aTHX_ ST(0));
-    SV *val = ST(1);
-    if (SvGMAGICAL(val))
-        val = sv_mortalcopy(val);  // one FETCH, then a plain value
+    SV *val = fetched_once(aTHX_ ST(1));
     if (!is_object_of(aTHX_ val, kAddressClass, sizeof kAddressClass - 1))
         croak("%s", kValNotAddress);
     const Address *from = message_of<Address>(aTHX_ val);

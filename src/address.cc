@@ -22,7 +22,7 @@ XS_INTERNAL(xs_address_new) {
     Address *a = new Address;
     SV *handle = new_handle(aTHX_ class_stash(aTHX_ cv, kAddressClass), a);  // frees `a` should filling die
     if (items == 2) {
-        SV *arg = SvGMAGICAL(ST(1)) ? sv_mortalcopy(ST(1)) : ST(1);  // one FETCH
+        SV *arg = fetched_once(aTHX_ ST(1));
         if (is_hash_ref(arg))
             fill_address(aTHX_ *a, reinterpret_cast<HV *>(SvRV(arg)));
     }

@@ -92,6 +92,11 @@ template <class Msg> inline Msg &live_message_from_handle(pTHX_ SV *sv) {
     return *m;
 }
 
+// A value with get-magic (a tied scalar, a tied hash's element, $1) fetched
+// once into a plain mortal copy: its kind can then be tested and it is read
+// without running FETCH again.  Other values are returned as they are.
+inline SV *fetched_once(pTHX_ SV *sv) { return SvGMAGICAL(sv) ? sv_mortalcopy(sv) : sv; }
+
 // A new mortal reference, blessed into `stash`, to a new scalar holding `ptr`.
 inline SV *new_handle(pTHX_ HV *stash, void *ptr) {
     SV *handle = sv_newmortal();

@@ -48,11 +48,6 @@ inline SV *fetch(pTHX_ HV *hv, const char *key, size_t len, U32 hash) {
     return nullptr;
 }
 
-// A value with get-magic (a tied hash's proxy, a tied element) is fetched
-// once into a plain mortal copy, so its kind can be tested and it is never
-// fetched twice.
-inline SV *plain(pTHX_ SV *value) { return SvGMAGICAL(value) ? sv_mortalcopy(value) : value; }
-
 SV *list_to_sv(pTHX_ const StringListField &f, const Record &m, int count) {
     AV *av = newAV();
     av_extend(av, count - 1);
@@ -157,7 +152,7 @@ void fill_address(pTHX_ Address &a, HV *hv) {
     for (size_t i = 0; i < kAddressFieldCount; ++i) {
         const auto &fi = kAddressFields[i];
         if (SV *value = fetch(aTHX_ hv, fi.name, fi.len, address_key_hash[i]))
-            set_value<UInt32Field<Address>>(aTHX_ fi, a, plain(aTHX_ value));
+            set_value<UInt32Field<Address>>(aTHX_ fi, a, fetched_once(aTHX_ value));
     }
 }
 
@@ -167,7 +162,7 @@ void fill_record(pTHX_ Record &m, HV *hv) {
         SV *value = fetch(aTHX_ hv, fi.name, fi.len, record_key_hash[i]);
         if (!value)
             continue;
-        value = plain(aTHX_ value);
+        value = fetched_once(aTHX_ value);
         switch (fi.family) {
         case Family::String: {
             STRLEN len;

@@ -157,7 +157,7 @@ bool read_address(CodedInputStream &in, Address &a) {
     uint32_t length;
     if (!in.ReadVarint32(&length))
         return false;
-    if (static_cast<int64_t>(length) > in.BytesUntilLimit() && in.BytesUntilLimit() >= 0)
+    if (const int left = in.BytesUntilLimit(); left >= 0 && length > static_cast<uint32_t>(left))
         return false;
     if (!in.IncrementRecursionDepth())
         return false;
