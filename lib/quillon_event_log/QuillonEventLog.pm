@@ -31,22 +31,17 @@ package quillon_event_log::IPAddr;
 
 sub CLONE_SKIP { 1 }
 
-my @ADDRESS_FIELDS = qw(ip0 ip1 ip2 ip3 rtdom_id);
-
-# An address travels as "ip0,ip1,ip2,ip3,rtdom_id", an absent field empty.
+# An address travels as its hash form, "name=value" pairs joined by commas
+# (present fields only), and comes back through new.
 sub STORABLE_freeze {
     my ($self) = @_;
-    return join ',', map { my $has = "has_$_"; $self->$has ? $self->$_ : '' } @ADDRESS_FIELDS;
+    my $fields = $self->to_hashref || {};
+    return join ',', map { "$_=$fields->{$_}" } sort keys %$fields;
 }
 
 sub STORABLE_attach {
     my ($class, undef, $text) = @_;
-    my @values = split /,/, $text, -1;
-    my %fields;
-    for my $i (0 .. $#ADDRESS_FIELDS) {
-        $fields{ $ADDRESS_FIELDS[$i] } = $values[$i] if defined $values[$i] && length $values[$i];
-    }
-    return bless __PACKAGE__->new(\%fields), $class;
+    return bless __PACKAGE__->new({ map { split /=/, $_, 2 } split /,/, $text }), $class;
 }
 
 1;
