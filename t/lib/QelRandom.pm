@@ -15,7 +15,7 @@ use Config ();
 use Exporter qw(import);
 use QelTest qw(field_table address_fields);
 
-our @EXPORT_OK = qw(handpicked_records);
+our @EXPORT_OK = qw(handpicked_records splitmix64);
 
 BEGIN {
     die "QelRandom needs a perl with 64-bit integers\n" unless $Config::Config{ivsize} >= 8;
@@ -47,6 +47,14 @@ sub _mix {
         $z ^= ($z >> 31) & 0x1FFFFFFFF;
     }
     return $z & ~0;
+}
+
+# splitmix64($n): splitmix64's output for the state $n, that is the mix of
+# $n + GOLDEN: a well-mixed unsigned 64-bit value from any 64-bit value.
+sub splitmix64 {
+    my $z = shift;
+    { use integer; $z += GOLDEN; }
+    return _mix($z);
 }
 
 # QelRandom->new($seed [, $stream]): a generator for the unsigned 64-bit $seed

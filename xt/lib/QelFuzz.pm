@@ -13,9 +13,10 @@ use Exporter 'import';
 use Getopt::Long ();
 use Time::HiRes ();
 use QelTest qw($CLASS $ADDR_CLASS field_table address_fields);
+use QelRandom qw(splitmix64);    # turns seeds and input numbers into generator states
 
 our @EXPORT_OK = qw(
-    seed_rng r64 rint chance pick rbytes splitmix64
+    seed_rng r64 rint chance pick rbytes
     canon hexdump parse_options finish_line
     record_problems FIELDS ADDR_FIELDS
 );
@@ -30,18 +31,6 @@ die "the fuzzers need a perl with 64-bit integers\n" unless (~0 >> 63) == 1;
 # shifts must stay outside `use integer`, where they would copy the sign bit.
 
 my $S = 1;    # generator state, never 0
-
-# splitmix64($n): a well-mixed 64-bit value from any 64-bit value; used to
-# turn seeds and input numbers into generator states.
-sub splitmix64 {
-    my $z = shift;
-    { use integer; $z = $z + 0x9E3779B97F4A7C15; }
-    $z ^= $z >> 30;
-    { use integer; $z = $z * 0xBF58476D1CE4E5B9; }
-    $z ^= $z >> 27;
-    { use integer; $z = $z * 0x94D049BB133111EB; }
-    return $z ^ ($z >> 31);
-}
 
 # seed_rng($seed [, $stream]): starts the generator for a seed and, when
 # given, a stream number (the fuzzers use the input index, so each input can
