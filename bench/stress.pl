@@ -8,6 +8,9 @@
 use strict;
 use warnings;
 use Time::HiRes qw(time);
+use FindBin;
+use lib "$FindBin::Bin/../t/lib";
+use QelTest qw(hash_text);    # one line of text per record, equal exactly when the records are
 use quillon_event_log::QuillonEventLog;
 
 my $RECORDS = shift // 1_000_000;
@@ -50,14 +53,6 @@ sub record_hash {
     };
 }
 
-# A canonical text of a hash-form record, for comparing two of them.
-sub canon {
-    my ($v) = @_;
-    return ref $v eq 'HASH'  ? '{' . join(',', map { "$_=>" . canon($v->{$_}) } sort keys %$v) . '}'
-         : ref $v eq 'ARRAY' ? '[' . join(',', map { canon($_) } @$v) . ']'
-         : defined $v        ? "'$v'" : 'undef';
-}
-
 my ($mismatches, $bytes_total) = (0, 0);
 my $start_rss = rss_kib();
 my ($first_rss, $last_rss);
@@ -69,9 +64,9 @@ for my $i (1 .. $RECORDS) {
     my $bytes = $CLASS->new($hash)->pack;
     $bytes_total += length $bytes;
     my $back = $CLASS->new($bytes)->to_hashref;
-    if ($i % 1000 == 0 && canon($back) ne canon($hash)) {
+    if ($i % 1000 == 0 && hash_text($back) ne hash_text($hash)) {
         $mismatches++;
-        print "record $i differs:\n  ", canon($hash), "\n  ", canon($back), "\n" if $mismatches <= 3;
+        print "record $i differs:\n  ", hash_text($hash), "\n  ", hash_text($back), "\n" if $mismatches <= 3;
     }
     if ($i % $EVERY == 0) {
         my $now = time;

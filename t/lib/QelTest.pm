@@ -878,30 +878,20 @@ sub _peer_dir {
     return $PEER_DIR;
 }
 
-# run_protoc(\@args, $input): runs protoc with the arguments @args (no shell
-# in between) in the top directory, with -I for it and for the directory of
+# run_protoc(\@args, $input): runs protoc (through run_program) with the
+# arguments @args, with -I for the top directory and for the directory of
 # the batch schema, $input (bytes) on its standard input. Returns its
 # standard output (bytes), its wait status and its standard error.
 sub run_protoc {
     my ($args, $input) = @_;
     my $protoc = in_path('protoc') or die "protoc is not installed\n";
     my $dir = _peer_dir();
-    my ($in, $out, $err) = map { "$dir/$_" } qw(in.bin out.bin err.txt);
+    my $in = "$dir/in.bin";
     open my $fh, '>:raw', $in or die "cannot write $in: $!";
     print $fh $input;
     close $fh or die "cannot write $in: $!";
-    my $pid = fork;
-    die "cannot fork: $!" unless defined $pid;
-    unless ($pid) {
-        chdir $ROOT && open(STDIN, '<', $in) && open(STDOUT, '>', $out) && open(STDERR, '>', $err)
-            && exec { $protoc } $protoc, "-I$ROOT", "-I$dir", @$args;
-        require POSIX;
-        POSIX::_exit(127);
-    }
-    waitpid $pid, 0;
-    my $status = $?;
-    my @result = (slurp($out), $status, slurp($err));
-    unlink $in, $out, $err;
+    my @result = run_program([$protoc, "-I$ROOT", "-I$dir", @$args], dir => $dir, stdin => $in);
+    unlink $in;
     return @result;
 }
 
