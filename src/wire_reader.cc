@@ -52,13 +52,9 @@ template <class Msg, size_t N> std::vector<Slot> slots_by_number(const FieldInfo
     return slots;
 }
 
-template <class Msg> const std::vector<Slot> &slots();
-template <> const std::vector<Slot> &slots<Record>() {
-    static const std::vector<Slot> table = slots_by_number(kRecordFields);
-    return table;
-}
-template <> const std::vector<Slot> &slots<Address>() {
-    static const std::vector<Slot> table = slots_by_number(kAddressFields);
+// The table of a message's fields, built on first use (one per message type).
+template <class Msg, size_t N> const std::vector<Slot> &slots_of(const FieldInfo<Msg> (&fields)[N]) {
+    static const std::vector<Slot> table = slots_by_number(fields);
     return table;
 }
 
@@ -149,7 +145,7 @@ bool skip_field(CodedInputStream &in, uint32_t tag, UnknownFieldSet *unknown) {
     }
 }
 
-template <class Msg> bool read_message(CodedInputStream &in, Msg &m);
+template <class Msg> bool read_message(CodedInputStream &in, Msg &m, const std::vector<Slot> &table);
 
 // A sub-record: its length, then its fields inside a limit of that length,
 // one level deeper.  A length beyond the input fails at once.
@@ -162,7 +158,7 @@ bool read_address(CodedInputStream &in, Address &a) {
     if (!in.IncrementRecursionDepth())
         return false;
     const CodedInputStream::Limit limit = in.PushLimit(static_cast<int>(length));
-    if (!read_message(in, a) || !in.ConsumedEntireMessage())
+    if (!read_message(in, a, slots_of(kAddressFields)) || !in.ConsumedEntireMessage())
         return false;
     in.PopLimit(limit);
     in.DecrementRecursionDepth();
@@ -212,8 +208,7 @@ template <class Msg> bool read_value(CodedInputStream &in, Msg &m, const Slot &s
 // Fields up to the end of the input or of the current limit (true), an
 // end-group tag (true, the caller decides), or a fault (false).  A known
 // number with another wire type is kept as an unknown field.
-template <class Msg> bool read_message(CodedInputStream &in, Msg &m) {
-    const std::vector<Slot> &table = slots<Msg>();
+template <class Msg> bool read_message(CodedInputStream &in, Msg &m, const std::vector<Slot> &table) {
     for (;;) {
         // Tags of one and two bytes, all of this schema's, are read inline.
         const uint32_t tag = in.ReadTagWithCutoff(16383).first;
@@ -246,7 +241,7 @@ bool parse_record(Record &m, const char *bytes, size_t len) {
     in.SetTotalBytesLimit(kMaxWireBytes);
     // A clean end is the end of the input itself: not a zero byte where a tag
     // should be, not an end-group tag, not the size limit.
-    return read_message(in, m) && in.ConsumedEntireMessage();
+    return read_message(in, m, slots_of(kRecordFields)) && in.ConsumedEntireMessage();
 }
 
 }  // namespace qel
