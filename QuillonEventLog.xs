@@ -11,9 +11,11 @@
 
 #include "accessors.h"
 #include "address.h"
+#include "codec.h"
 #include "families.h"
 #include "hash_form.h"
 #include "output_stream.h"
+#include "runtime_log.h"
 #include "wire_reader.h"
 
 using namespace qel;
@@ -264,6 +266,8 @@ to_hashref(svTHIS)
     PUSHs(m ? sv_2mortal(newRV_noinc(reinterpret_cast<SV *>(record_to_hash(aTHX_ *m)))) : nullptr);
 
 BOOT:
+    init_runtime_log(aTHX_ file);
     init_hash_keys(aTHX);
     register_accessors(aTHX_ file);
     register_address_class(aTHX_ file);
+    register_codec(aTHX_ file);

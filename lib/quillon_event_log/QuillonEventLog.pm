@@ -8,6 +8,10 @@ our $VERSION = '1.0';
 require XSLoader;
 XSLoader::load('quillon_event_log::QuillonEventLog', $VERSION);
 
+# The address class and the runtime log switch live in the same shared object.
+require quillon_event_log::IPAddr;
+require quillon_event_log::RuntimeLog;
+
 # A new Perl thread gets copies of every variable, and a copied handle would
 # hold the same record as the original: both would free it.  So objects of
 # both classes are not copied into new threads; there the variables hold
@@ -25,23 +29,6 @@ sub STORABLE_freeze {
 sub STORABLE_attach {
     my ($class, undef, $bytes) = @_;
     return bless __PACKAGE__->new($bytes), $class;
-}
-
-package quillon_event_log::IPAddr;
-
-sub CLONE_SKIP { 1 }
-
-# An address travels as its hash form, "name=value" pairs joined by commas
-# (present fields only), and comes back through new.
-sub STORABLE_freeze {
-    my ($self) = @_;
-    my $fields = $self->to_hashref || {};
-    return join ',', map { "$_=$fields->{$_}" } sort keys %$fields;
-}
-
-sub STORABLE_attach {
-    my ($class, undef, $text) = @_;
-    return bless __PACKAGE__->new({ map { split /=/, $_, 2 } split /,/, $text }), $class;
 }
 
 1;

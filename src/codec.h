@@ -1,0 +1,15 @@
+// quillon_event_log::Codec: the strict one-call codec between the hash form of
+// a record and its wire bytes, with no record object in between.
+#ifndef QEL_CODEC_H
+#define QEL_CODEC_H
+
+#include "binding.h"
+
+namespace qel {
+
+// Boot: registers the XSUBs of quillon_event_log::Codec.
+void register_codec(pTHX_ const char *file);
+
+}  // namespace qel
+
+#endif
