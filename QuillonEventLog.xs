@@ -51,7 +51,7 @@ void apply_source(pTHX_ SV *handle, SV *source, SourceOp op) {
         return;
     source = fetched_once(aTHX_ source);
     if (is_object_of(aTHX_ source, kRecordClass, sizeof kRecordClass - 1)) {
-        const Record *from = message_of<Record>(aTHX_ source);
+        const Record *from = message_of<Record>(aTHX_ source, kForgedSource);
         Record *m = record_from_handle(aTHX_ handle);
         if (!m)
             return;

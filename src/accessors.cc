@@ -87,7 +87,8 @@ template <class Msg, class T> XS_INTERNAL(xs_number_set) {
 // Returns a new quillon_event_log::IPAddr holding a copy: changing it never
 // changes the record.  An absent address reads as an empty one, never undef.
 SV *address_object(pTHX_ CV *cv, const Record &m) {
-    return sv_setref_pv(newSV(0), kAddressClass, new Address(field_ops<AddressField>(cv).get(m)));
+    HV *stash = gv_stashpvn(kAddressClass, sizeof kAddressClass - 1, GV_ADD);
+    return make_handle(aTHX_ stash, new Address(field_ops<AddressField>(cv).get(m)));
 }
 
 XS_INTERNAL(xs_address_set) {
@@ -98,7 +99,7 @@ XS_INTERNAL(xs_address_set) {
     SV *val = fetched_once(aTHX_ ST(1));
     if (!is_object_of(aTHX_ val, kAddressClass, sizeof kAddressClass - 1))
         croak("%s", kValNotAddress);
-    const Address *from = message_of<Address>(aTHX_ val);
+    const Address *from = message_of<Address>(aTHX_ val, kForgedValAddress);
     if (!from)
         XSRETURN_EMPTY;  // an empty address handle leaves the field as it was
     // VAL's FETCH may have run Perl code that freed the record: read it again.

@@ -39,4 +39,14 @@ void free_record(Record *m) {
     pool.records[pool.count++] = m;
 }
 
+// bless runs the set magic too (for every ext magic), so a scalar that still
+// holds its address is left alone; only a changed value is a write.
+int refuse_write(pTHX_ SV *referent, MAGIC *mg) {
+    const IV address = PTR2IV(mg->mg_ptr);
+    if (SvIOK(referent) && !SvROK(referent) && SvIVX(referent) == address)
+        return 0;
+    sv_setiv(referent, address);
+    croak_no_modify();
+}
+
 }  // namespace qel
