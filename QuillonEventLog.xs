@@ -124,6 +124,7 @@ new(CLASS, ...)
             STRLEN len;
             const char *bytes = SvPV(arg, len);
             parse_record(*m, bytes, len);
+            flush_runtime_log(aTHX);
         }
     }
     PUSHs(handle);
@@ -220,6 +221,7 @@ unpack(svTHIS, arg)
         /* Reading the argument may have run Perl code that freed the record. */
         if (Record *m = record_from_handle(aTHX_ svTHIS))
             RETVAL = parse_record(*m, bytes, len);
+        flush_runtime_log(aTHX);
     }
   OUTPUT:
     RETVAL
@@ -231,7 +233,10 @@ pack(svTHIS)
   PPCODE:
     const Record *m = record_from_handle(aTHX_ svTHIS);
     SV *bytes = m ? pack_record(aTHX_ *m) : nullptr;
-    XPUSHs(bytes ? sv_2mortal(bytes) : &PL_sv_undef);
+    if (bytes)
+        sv_2mortal(bytes);
+    flush_runtime_log(aTHX);
+    XPUSHs(bytes ? bytes : &PL_sv_undef);
 
 IV
 length(svTHIS)
