@@ -80,32 +80,38 @@ int mode_named(const char *name) {
     return -1;
 }
 
-// Whether the caller's lexical warnings let the category through.  It is on
-// unless switched off: with no warnings pragma in scope it warns (-X silences
-// everything), and a scope compiled before the category existed has a mask
-// too short to hold its bit, so "all" decides there.
-bool category_enabled(pTHX_ my_cxt_t *cxt) {
+enum class Raise { Not, Warn, Die };
+
+// What the caller's lexical warnings make of the category.  It is on unless
+// switched off: with no warnings pragma in scope it warns (-X silences
+// everything); `use warnings FATAL => ...` makes it die.  A scope compiled
+// before the category existed has a mask too short to hold its bits, so
+// "all" decides there.
+Raise how_to_raise(pTHX_ my_cxt_t *cxt) {
     if (PL_dowarn & G_WARN_ALL_OFF)
-        return false;
+        return Raise::Not;
     if (PL_dowarn & G_WARN_ALL_ON)
-        return true;
+        return Raise::Warn;
     const STRLEN *mask = PL_curcop->cop_warnings;
     if (mask == pWARN_STD || mask == pWARN_ALL)
-        return true;
+        return Raise::Warn;
     if (mask == pWARN_NONE)
-        return false;
+        return Raise::Not;
     if (cxt->category_bit < 0) {
         HV *offsets = get_hv("warnings::Offsets", 0);
         SV **bit = offsets ? hv_fetch(offsets, kCategory, sizeof kCategory - 1, 0) : nullptr;
         if (!bit)
-            return true;  // not registered (RuntimeLog.pm not loaded): only `no warnings` silences
+            return Raise::Warn;  // not registered: only `no warnings` silences
         cxt->category_bit = SvIV(*bit);
     }
     STRLEN bit = static_cast<STRLEN>(cxt->category_bit);
     if (bit / 8 >= *mask)
         bit = 0;  // the "all" category
     const U8 *bits = reinterpret_cast<const U8 *>(mask + 1);
-    return bits[bit / 8] & (1u << (bit % 8));
+    const auto is_set = [bits](STRLEN b) { return (bits[b / 8] & (1u << (b % 8))) != 0; };
+    if (!is_set(bit))
+        return Raise::Not;
+    return is_set(bit + 1) ? Raise::Die : Raise::Warn;  // each category's fatal bit follows it
 }
 
 // quillon_event_log::RuntimeLog::mode([NEW]): the mode in effect before the call.
@@ -195,10 +201,12 @@ void flush_runtime_log(pTHX) {
     AV *batch = MY_CXT.pending;
     MY_CXT.pending = newAV();
     sv_2mortal(reinterpret_cast<SV *>(batch));
-    if (!category_enabled(aTHX_ &MY_CXT))
-        return;
-    for (SSize_t i = 0; i <= AvFILLp(batch); ++i)
-        warn("%" SVf, SVfARG(AvARRAY(batch)[i]));
+    const Raise raise = how_to_raise(aTHX_ &MY_CXT);
+    if (raise == Raise::Die)
+        croak("%" SVf, SVfARG(AvARRAY(batch)[0]));
+    if (raise == Raise::Warn)
+        for (SSize_t i = 0; i <= AvFILLp(batch); ++i)
+            warn("%" SVf, SVfARG(AvARRAY(batch)[i]));
 }
 
 }  // namespace qel
