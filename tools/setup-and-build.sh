@@ -17,6 +17,10 @@ packages=(
     libextutils-cppguess-perl
     libtest-leaktrace-perl
     libgoogle-protocolbuffers-perl
+    libjson-xs-perl
+    perl-doc
+    libsereal-perl
+    libcbor-xs-perl
 )
 
 missing=()
