@@ -201,4 +201,34 @@ CODE
     is $err, '', 'threads: nothing on stderr';
 }
 
+# ---- nothing leaks -------------------------------------------------------------------------
+
+SKIP: {
+    skip 'Test::LeakTrace not installed', 4 unless eval { require Test::LeakTrace; 1 };
+    my $r = $CLASS->new;
+    my %cases = (
+        'warn mode, warnings raised' => sub {
+            $mode->('warn'); local $SIG{__WARN__} = sub { };
+            my $o = $CLASS->new($BAD); my $b = $o->pack; $o->unpack($BAD);
+        },
+        'warn mode, a dying handler' => sub {
+            $mode->('warn'); local $SIG{__WARN__} = sub { die "no\n" };
+            eval { my $o = $CLASS->new($BAD) }; eval { $r->unpack($BAD) }; eval { my $b = $r->pack };
+        },
+        'warn mode, FATAL' => sub {
+            $mode->('warn'); use warnings FATAL => 'quillon_event_log::RuntimeLog';
+            eval { my $o = $CLASS->new($BAD) };
+        },
+        'silent mode and the functions' => sub {
+            $mode->('silent'); my $o = $CLASS->new($BAD); my $n = $silenced->(); $reset->();
+            eval { $mode->('nope') }; eval { $silenced->(1) };
+        },
+    );
+    for my $name (sort keys %cases) {
+        $cases{$name}->();    # warm up: first-use allocations are not leaks
+        Test::LeakTrace::leaks_cmp_ok(\&{ $cases{$name} }, '<', 1, "no leak: $name");
+    }
+    $mode->('stderr');
+}
+
 done_testing;
