@@ -40,126 +40,490 @@ quillon_event_log::QuillonEventLog - bot-mitigation event records as protocol bu
 
 =head1 SYNOPSIS
 
+Build a record, set and read fields:
+
   use quillon_event_log::QuillonEventLog;
 
-  # A record from a hash in the hash form (see THE HASH FORM).
   my $event = quillon_event_log::QuillonEventLog->new({
-      bot_name            => 'python-requests',
-      profile_name        => 'bot_profile_storefront',
-      virtual_server_name => 'vs_shop_https',
+      bot_name         => 'python-requests',
       # 203.0.113.45 as one 32-bit number in ip3
-      client_ip           => { ip0 => 0, ip1 => 0, ip2 => 0, ip3 => 0xCB00712D, rtdom_id => 0 },
-      src_port            => 51734,
-      dest_port           => 443,
-      device_id           => '12297829382473034410',     # uint64: a decimal string
-      request_uri         => '/account/login',
-      http_method         => 'POST',
-      host                => 'shop.example.com',
-      classification      => 'Malicious Bot',
-      anomaly_categories  => ['Automation Tool'],
-      anomalies           => ['Known automation User-Agent'],
-      is_https_request    => 1,
+      client_ip        => { ip0 => 0, ip1 => 0, ip2 => 0, ip3 => 0xCB00712D, rtdom_id => 0 },
+      dest_port        => 443,
+      device_id        => '12297829382473034410',   # 64-bit values: decimal strings
+      request_uri      => '/account/login',
+      anomalies        => ['Known automation User-Agent'],
+      is_https_request => 1,
   });
-
-  # Fields one by one.
-  $event->set_configured_mitigation_action('block');
   $event->set_actual_mitigation_action('block');
-  $event->set_session_id('8374562910457730112');
   $event->add_anomalies('Missing Accept-Language header');
   print $event->bot_name, "\n" if $event->has_bot_name;
+  print $event->debug_string;                 # protocol-buffer text form
+  my $h = $event->to_hashref;                 # the hash form
 
-  # To wire bytes and back.
-  my $bytes = $event->pack;
-  printf "%d bytes\n", $event->length;
-  my $copy = quillon_event_log::QuillonEventLog->new($bytes);
+Write several records to a file and read them back. A stream of
+protocol-buffer records puts each record's length in front of it as a
+varint: seven bits per byte, least significant group first, the high bit
+set on every byte but the last. (Perl's C<pack "w"> is a different
+encoding, with the most significant group first: do not use it here.)
 
-  # Read it all at once, or print it.
-  my $h = $copy->to_hashref;
-  print "$h->{device_id} $h->{anomalies}[1]\n";
-  print $copy->debug_string;
+  sub put_varint {
+      my ($n) = @_;
+      my $out = '';
+      while ($n >= 0x80) { $out .= chr(($n & 0x7F) | 0x80); $n >>= 7 }
+      return $out . chr($n);
+  }
+
+  sub read_varint {                  # undef at a clean end of file
+      my ($fh) = @_;
+      my ($n, $shift, $byte) = (0, 0);
+      while (read($fh, $byte, 1)) {
+          $n |= (ord($byte) & 0x7F) << $shift;
+          return $n if ord($byte) < 0x80;
+          $shift += 7;
+          die "varint too long\n" if $shift > 63;
+      }
+      die "truncated varint\n" if $shift;
+      return undef;
+  }
+
+  open my $out, '>:raw', 'events.bin' or die "events.bin: $!";
+  for my $rec ($event, quillon_event_log::QuillonEventLog->new({ bot_name => 'curl' })) {
+      my $bytes = $rec->length ? $rec->pack : '';   # see KNOWN QUIRKS
+      print {$out} put_varint(length $bytes), $bytes;
+  }
+  close $out or die "events.bin: $!";
+
+  open my $in, '<:raw', 'events.bin' or die "events.bin: $!";
+  while (defined(my $len = read_varint($in))) {
+      read($in, my $bytes, $len) == $len or die "truncated record\n";
+      my $rec = quillon_event_log::QuillonEventLog->new;
+      $rec->unpack($bytes) or die "malformed record\n";
+      print $rec->short_debug_string, "\n";
+  }
+
+The strict codec: plain hashes in, wire bytes out and back, with every
+mistake reported (see L<quillon_event_log::Codec>):
+
+  use quillon_event_log::Codec;        # exports encode_event, decode_event
+
+  my $bytes = encode_event({ bot_name => 'curl', src_port => 51734 });
+  my $hash  = decode_event($bytes);    # { bot_name => 'curl', src_port => 51734 }
+  encode_event({ bot_nmae => 'curl' });
+      # dies: unknown field "bot_nmae" (did you mean "bot_name"?) at ...
+
+Records as JSON, with text as characters and addresses as text:
+
+  use JSON::XS;
+  use quillon_event_log::Codec;
+
+  my $codec = quillon_event_log::Codec->new(characters => 1, addresses => 'text');
+  my $json  = JSON::XS->new->utf8->canonical;
+
+  my $text  = $json->encode($codec->decode($bytes));   # UTF-8 JSON text
+  my $again = $codec->encode($json->decode($text));    # eq $bytes
 
 =head1 DESCRIPTION
 
-This module gives Perl programs the class C<quillon_event_log::QuillonEventLog>.
-Each object holds one event record of a web traffic processor's
-bot-mitigation function: who the client was (addresses with their routing
-domain, ports, device, session and support identifiers), what it asked for
-(host, URI, method, protocol information, the raw request), how it was
-classified (bot name, signature and its category, anomalies and their
-categories, classification) and what was done about it (configured and
-actual mitigation and verification actions with their reasons, captcha and
-challenge outcomes, mobile-application attributes).
+Each object of the class C<quillon_event_log::QuillonEventLog> holds one
+event record of a web traffic processor's bot-mitigation function: who the
+client was (addresses with their routing domain, ports, device, session and
+support identifiers), what it asked for (host, URI, method, protocol
+information, the raw request), how it was classified (bot name, signature
+and its category, anomalies and their categories, classification) and what
+was done about it (configured and actual mitigation and verification
+actions with their reasons, captcha and challenge outcomes,
+mobile-application attributes).
 
 The record is a protocol-buffer message (proto2, package
 C<quillon_event_log>, messages C<IPAddr> and C<QuillonEventLog>, 59 fields),
-defined in F<quillon_event_log.proto>. The module builds a record field by
-field or from a Perl hash, reads it back field by field or as a hash, copies
-and merges records, prints them in the protocol-buffer text form, and turns
-a record into its wire bytes and back. The wire bytes are what the other
-components of the traffic processor produce and consume.
+defined in F<quillon_event_log.proto>. Its wire bytes are what the other
+components of the traffic processor produce and consume. No field is
+required; 57 fields are optional single values and two
+(C<anomaly_categories>, C<anomalies>) are lists of strings.
 
-Every field is optional except the two repeated string lists
-C<anomaly_categories> and C<anomalies>; no field is required. An absent field
-reads as its type's default: C<""> for strings, C<0> for numbers, C<"0"> for
-64-bit numbers, C<0> (false) for flags and an empty address for the two
-address fields. Each singular field has its own presence bit, set by every
-setter (also when the value equals the default) and cleared by C<clear_FIELD>.
+The distribution has four modules:
 
-An object is a reference, blessed into the class, to a scalar holding the
-address of the record that the object owns. The record is made by C<new> and
-freed by C<DESTROY>; nothing else replaces or frees it. Every value the module
-returns is a new Perl value holding a copy of the data; nothing returned
-points into a record. Loading the module also provides the small class
-C<quillon_event_log::IPAddr> (see L</THE ADDRESS CLASS>).
+=over 4
 
-The module starts no threads, keeps no files, reads no environment and has no
-configuration. C<$quillon_event_log::QuillonEventLog::VERSION> is C<"1.0">.
+=item quillon_event_log::QuillonEventLog (this manual)
 
-=head2 Method names, prototypes and empty handles
+The record class: build a record field by field or from a hash, read it
+field by field or as a hash, copy and merge records, print them in the
+protocol-buffer text form, turn them into wire bytes and back.
 
-The class has 251 methods: the 15 whole-record methods of L</METHODS>, then
-four accessors per field (L</FIELD ACCESSORS>). Every method checks its exact
-argument count and dies with a usage error otherwise (L</DIAGNOSTICS>). Every
-method but C<new> and C<fields> checks that its invocant is an object of the
-class or of a class derived from it; a plain string such as the class name
-is refused with "THIS is not of type quillon_event_log::QuillonEventLog".
+=item L<quillon_event_log::Codec>
 
-Methods are registered with prototypes, which matter only to calls written
-as plain function calls (method calls ignore them):
+C<encode_event> and C<decode_event>: one call from a plain Perl hash to wire
+bytes and back, no object in between, strict about what it accepts, with
+options for character strings and text addresses.
 
-  "$;@"   new, anomaly_categories, anomalies
-  "$$"    copy_from, merge_from, unpack, every set_FIELD, add_anomaly_categories,
-          add_anomalies
-  "$"     every other method
+=item L<quillon_event_log::IPAddr>
 
-A handle holding the address 0 is an I<empty handle>: an object whose
-C<DESTROY> has already been called, or a reference blessed by hand such as
-C<bless \(my $x = 0), 'quillon_event_log::QuillonEventLog'>. On an empty
+The address objects of the fields C<client_ip> and C<dest_ip>, with
+conversion from and to text such as C<"203.0.113.45%2">.
+
+=item L<quillon_event_log::RuntimeLog>
+
+Where the protocol-buffer runtime's complaints (such as strings that are not
+valid UTF-8) go: standard error, Perl warnings, or nowhere.
+
+=back
+
+=head2 Which interface should I use?
+
+New code should use L<quillon_event_log::Codec>: it is the fast path, it
+refuses misspelt keys and values of the wrong kind instead of storing
+something else, its empty record is the true empty encoding, it keeps
+unknown fields visible in the hash, and it can give character strings and
+text addresses ready for JSON.
+
+Use the record class when you change a record a few fields at a time, need
+its text form (C<debug_string>), merge records (C<merge_from>), or have code
+that already uses it. Its conversions are lenient by design and are kept as
+they are for existing callers: read L</MAPPING> and
+L</KNOWN QUIRKS OF THE RECORD CLASS> before relying on them.
+
+Both work on the same wire bytes, and the codec's hashes have the same keys
+and values as the class's C<to_hashref> (plus the reserved key C<_unknown>),
+so the two can be mixed:
+
+  my $rec  = quillon_event_log::QuillonEventLog->new;
+  $rec->unpack(encode_event($hash)) or die;
+  my $hash = decode_event($rec->length ? $rec->pack : '');
+
+=head1 MAPPING
+
+=head2 The hash form
+
+A record as a Perl hash: C<to_hashref> and the codec's decoding write it;
+C<new(\%hash)>, C<copy_from>, C<merge_from> and the codec's encoding read it.
+
+=over 4
+
+=item Keys
+
+The field names, as listed by L</fields>. A single-value field has a key
+exactly when it is present, whatever its value (a string set to C<""> has a
+key with C<"">, a flag set to false a key with 0); a list has a key exactly
+when it holds at least one element; an absent or cleared field has no key.
+An address has a key exactly when it is present, also when none of its own
+fields is set (the value is then an empty hash). The codec adds the reserved
+key C<_unknown> for unknown fields (L<quillon_event_log::Codec/"Unknown fields">).
+
+=item Values
+
+  string fields       a byte string
+  uint32 fields       an unsigned integer
+  uint64 fields       a string of decimal digits, e.g. "18446744073709551615"
+  bool fields         1 or 0
+  client_ip, dest_ip  a reference to an address hash
+  anomaly_categories,
+  anomalies           a reference to an array of byte strings, in order
+
+=item Address hashes
+
+The keys C<ip0>, C<ip1>, C<ip2>, C<ip3> and C<rtdom_id>, each present
+exactly when that field of the address is set, each an unsigned integer.
+An IPv4 address sits in C<ip3> with C<ip0> to C<ip2> zero; an IPv6 address
+fills C<ip0> (most significant) to C<ip3>; C<rtdom_id> is the routing
+domain:
+
+  client_ip => { ip0 => 0, ip1 => 0, ip2 => 0, ip3 => 3405803821, rtdom_id => 0 }
+
+=back
+
+A hash made by C<to_hashref> gives back an equal record through C<new>, and
+one made by C<decode_event> from canonical bytes gives back the same bytes
+through C<encode_event>.
+
+=head2 Field types, both ways
+
+How each field type travels between Perl and a record, for the record class
+(setters, C<new(\%hash)>, getters, C<to_hashref>) and for the codec
+(C<encode_event>, C<decode_event>) side by side. In short:
+
+  type     out of a record        into a record:               into a record:
+           (both interfaces)      record class                 codec
+  -------  ---------------------  ---------------------------  -------------------------
+  string   byte string            any value's string form,     defined non-reference
+                                  as its internal bytes        scalar
+  uint32   unsigned integer       low 32 bits of Perl's        integer in range, as a
+                                  integer value                number or decimal digits
+  uint64   decimal string         C strtoull of the string     integer in range, as a
+                                  form, base 0                 number or decimal digits
+  bool     1 or 0                 integer value is not 0       1, 0, "", a boolean
+  address  IPAddr object (class)  IPAddr object (setter);      hash reference (or text
+           or hash                any value (hash form)        with addresses => 'text')
+  list     list or array ref      one string per add_,         array reference of
+                                  array ref in the hash form   defined strings
+
+In detail:
+
+=over 4
+
+=item string
+
+Out: a byte string, C<""> when absent (both). With the codec's
+C<characters> option, a character string instead (L</CHARACTERS AND BYTES>).
+
+Into the record class: the bytes of the value's string form, exactly;
+embedded zero bytes are kept; numbers as Perl prints them; C<undef> as
+C<""> (with Perl's uninitialised-value warning); a reference as its string
+form, so C<< set_bot_name({}) >> stores C<"HASH(0x...)">. The UTF-8 flag is
+ignored: a character string is stored as its internal UTF-8 bytes.
+
+Into the codec: a defined non-reference scalar (numbers stringify as Perl
+prints them). A reference is refused (C<bot_name: expected a string, got a
+hash reference>). Without C<characters>, a string with the UTF-8 flag is
+written as its characters, each one byte, and a character above 0xFF is
+refused (C<bot_name: wide character U+263A in a byte string (use the
+characters option)>). With C<characters>, the text is written as UTF-8.
+C<undef> leaves the field absent.
+
+=item uint32 (also the five words of an address)
+
+Out: an unsigned integer, 0 when absent (both).
+
+Into the record class: Perl's unsigned-integer conversion, then the low 32
+bits: C<4294967296> gives 0, C<4294967297> gives 1, C<-1> gives
+4294967295, C<3.9> gives 3, C<"80abc"> gives 80 and C<"abc"> 0 (with Perl's
+"isn't numeric" warning), C<"0x10"> gives 0 (hexadecimal text is not read).
+A number beyond Perl's unsigned range saturates first, so C<1e20> gives
+4294967295. A reference gives the low 32 bits of its address:
+C<< set_dest_port([]) >> stores some large number. Nothing is refused.
+
+Into the codec: an integer (C<IV>/C<UV>) from 0 to 4294967295; a
+floating-point number that is integral and in range (C<443.0>); a string of
+decimal digits only, in range (C<"00443"> is 443). Everything else is
+refused: a sign, blanks, C<"0x10">, C<"1e3">, C<"1.5"> or C<""> as text
+(C<src_port: "0x10" is not a decimal integer>), negative or too large values
+(C<src_port: "-1" is out of range (0..4294967295)>), numbers with a fraction,
+NaN and infinities (C<src_port: "1.5" is not an integer>), references
+(C<src_port: expected an integer, got an array reference>).
+
+=item uint64
+
+Out: a string of decimal digits, without sign or leading zeros, C<"0"> when
+absent (both), so no digit is lost on any perl.
+
+Into the record class: the value's string form is parsed like C's
+C<strtoull> with base 0: leading white space is skipped; an optional C<+> or
+C<-> is read; C<0x> starts a hexadecimal number and any other leading C<0>
+an octal one; parsing stops at the first character that does not fit; text
+without digits gives 0 and still sets the field; a value beyond the 64-bit
+range gives 18446744073709551615; a leading C<-> negates modulo 2**64.
+Nothing is refused:
+
+  "18446744073709551615"   -> 18446744073709551615
+  "0x10"                   -> 16
+  "010"                    -> 8     (octal)
+  "-1"                     -> 18446744073709551615
+  "99999999999999999999"   -> 18446744073709551615
+  "12abc"                  -> 12
+  "abc"                    -> 0     (and the field is present)
+  1e20                     -> 1     (its string form is "1e+20")
+
+A floating-point number is read in its string form, up to the first
+non-digit: C<1e19> gives 1 and C<2**53> (C<"9.00719925474099e+15">) gives 9.
+Integers that Perl holds as integers print in full and are safe; decimal
+strings are always safe.
+
+Into the codec: as for uint32 with the range 0..18446744073709551615
+(C<device_id: "-1" is out of range (0..18446744073709551615)>); C<"010"> is
+10 and C<"0x10"> is refused.
+
+=item bool
+
+Out: 1 or 0, 0 when absent (both).
+
+Into the record class: true exactly when Perl's integer value of the
+argument is not zero. So C<2>, C<-1>, C<"1.5"> and C<" 3"> are true, while
+C<0.5>, C<"0.9">, C<"0 but true">, C<"0E0">, C<""> and every word, C<"true">
+included, are false, although several of these are true to Perl.
+
+Into the codec: 1, 0, C<"1">, C<"0">, C<"">, Perl's built-in booleans, and
+objects of C<JSON::PP::Boolean> and C<Types::Serialiser::Boolean> (the true
+and false of L<JSON::PP> and L<JSON::XS>) and of L<boolean>, by their truth. Anything else is
+refused, C<"true"> and C<"false"> included
+(C<mobile_is_app: "true" is not a flag (1, 0, "" or a JSON boolean)>).
+
+=item address (client_ip, dest_ip)
+
+Out of the record class: the getter returns a new
+L<quillon_event_log::IPAddr> object holding a copy (an empty one when
+absent, never C<undef>); C<to_hashref> gives the address hash. Out of the
+codec: the address hash; with C<< addresses => 'text' >>, the text
+(C<"203.0.113.45">) when all five words are present and there are no
+unknown fields in it, else the hash.
+
+Into the record class: C<set_client_ip> takes only an
+C<quillon_event_log::IPAddr> object. In the hash form, a key makes the
+address present whatever its value; only a hash reference is read further
+(the five words as uint32, other keys ignored); C<undef>, a string or an
+array reference gives a present, empty address.
+
+Into the codec: a hash reference only (blessed ones count), whose keys must
+be the five words (or C<_unknown>); with C<< addresses => 'text' >> also an
+address text, which sets all five words.
+
+=item list (anomaly_categories, anomalies)
+
+Out: the getter returns a list; C<to_hashref> and the codec give an array
+reference, with a key only when the list is not empty.
+
+Into the record class: C<add_FIELD> appends one string; in the hash form
+only an array reference is read, one element per existing array element
+(C<undef> gives C<"">, a hole in the array adds nothing); any other value
+gives no elements.
+
+Into the codec: an array reference (blessed ones count) whose elements are
+all defined strings; an C<undef> element or a hole is refused
+(C<anomalies[1]: expected a string, got undef>).
+
+=item keys
+
+The record class ignores keys that are not field names, so a misspelt key
+silently leaves its field absent. The codec refuses them
+(C<unknown field "bot_nmae" (did you mean "bot_name"?)>).
+
+=item undef
+
+The record class converts an C<undef> value like any other value (C<"">, 0,
+false) and sets the field. The codec treats C<undef> as "absent".
+
+=item unknown fields
+
+Fields of the wire bytes that the schema does not declare are kept by both:
+the record class keeps them inside the record (not in C<to_hashref>) and
+writes them again after the known fields; the codec shows them under the key
+C<_unknown> and writes them back at their place.
+
+=back
+
+=head1 CHARACTERS AND BYTES
+
+The string fields of the schema are text (protocol-buffer C<string>), but
+records from the field carry what clients sent, and that is not always valid
+UTF-8. The module never refuses or changes such bytes.
+
+The record class works in bytes only. A setter stores the bytes of the
+scalar's buffer and ignores the UTF-8 flag, so a character string is
+stored as its internal UTF-8 encoding: C<"\x{263A}"> is stored as the three
+bytes C<"\xE2\x98\xBA">, and C<"\xFF"> from a string with the UTF-8 flag as
+C<"\xC3\xBF"> (while the same C<"\xFF"> without the flag is the one byte
+C<"\xFF">). The getters return byte strings, never with the UTF-8 flag.
+Encode text yourself before storing it and decode it after reading:
+
+  use Encode qw(encode_utf8 decode_utf8);
+  $rec->set_reason(encode_utf8($text));
+  my $text = decode_utf8($rec->reason);
+
+The codec does this for you with C<< characters => 1 >>: C<decode> gives
+character strings, C<encode> writes UTF-8. Bytes that are not valid UTF-8
+come out as the characters U+DC80 to U+DCFF ("surrogate escapes", one per
+byte) and go back in as the same bytes, so nothing is lost
+(L<quillon_event_log::Codec/"CHARACTERS AND BYTES">). Without the option the
+codec works in bytes like the class, except that it refuses a character
+above 0xFF instead of storing UTF-8 bytes.
+
+When a string that is not valid UTF-8 is written or parsed, the
+protocol-buffer runtime complains ("String field
+'quillon_event_log.QuillonEventLog.bot_name' contains invalid UTF-8 data
+..."); by default the complaint goes to standard error. Nothing fails. Use
+L<quillon_event_log::RuntimeLog> to silence and count these lines or to
+turn them into Perl warnings.
+
+=head1 KNOWN QUIRKS OF THE RECORD CLASS
+
+These behaviours are kept on purpose, because existing code depends on
+them. Each has a safe alternative.
+
+=over 4
+
+=item C<pack> of an empty record gives 16 zero bytes
+
+A record without any field encodes to nothing, yet C<pack> returns
+C<"\0" x 16> while C<length> returns 0. Those 16 bytes do not parse back
+(C<unpack> returns 0). Safe: C<< $rec->length ? $rec->pack : '' >>, or
+C<encode_event({})>, which is C<"">.
+
+=item C<new($bytes)> ignores bad bytes
+
+C<new> does not report a parse failure; the object keeps what was parsed
+before the fault (C<< new("\x0a\x05ab") >> gives a record with C<bot_name>
+C<"ab">). Safe: C<< my $rec = CLASS->new; $rec->unpack($bytes) or die >>, or
+C<decode_event($bytes)>, which dies with the byte offset of the fault.
+
+=item C<to_hashref> on an empty handle returns a null
+
+After an explicit C<DESTROY>, C<to_hashref> returns a null result, which
+reads as C<undef> in scalar context but may crash Perl where a list is
+consumed (C<my @h = ...>, C<map>, C<for>). Safe: read it into a scalar and
+test it with C<defined>, or do not call methods on destroyed objects.
+
+=item C<discard_unkown_fields> is spelt so
+
+The method's public name has the typo; there is no correctly spelt alias
+(C<discard_unknown_fields> is "Can't locate object method"). Safe: the
+codec's C<< unknown_fields => 'drop' >>.
+
+=item C<new> refuses subclass names
+
+C<< My::Event->new >> dies with "invalid class My::Event" even when
+C<My::Event> inherits from the class. Safe: make the object with the base
+class and bless it afterwards; every other method accepts subclass objects:
+
+  package My::Event;
+  our @ISA = ('quillon_event_log::QuillonEventLog');
+  sub new { my ($class, @args) = @_;
+            bless quillon_event_log::QuillonEventLog->new(@args), $class }
+
+=item invalid UTF-8 is logged on standard error
+
+Strings that are not valid UTF-8 make the protocol-buffer runtime print
+C<[libprotobuf ERROR ...]> lines on standard error, outside Perl's control by
+default. Safe: L<quillon_event_log::RuntimeLog> (mode C<silent> or
+C<warn>), and the codec's C<characters> option to see such strings.
+
+=item misspelt and unknown keys are ignored by C<new(\%hash)>
+
+C<< new({ bot_nmae => 'x' }) >> gives an empty record without a word, and
+values of the wrong kind are converted (L</MAPPING>). Safe: the codec, which
+refuses unknown keys with a suggestion and wrong values with the field's
+name.
+
+=back
+
+=head1 METHOD REFERENCE
+
+The class has 251 methods: the 15 whole-record methods, then four accessors
+per field. Every method checks its exact argument count and dies with a
+usage error otherwise. Every method but C<new> and C<fields> checks that its
+invocant is an object made by this module, of the class or of a class
+derived from it (L</DIAGNOSTICS>).
+
+An I<empty handle> is an object whose C<DESTROY> has already run, or a
+reference to 0 blessed into the class by hand
+(C<bless \(my $x = 0), 'quillon_event_log::QuillonEventLog'>). On an empty
 handle the whole-record methods and the getters do nothing and return their
-empty-handle result, given with each method below. The methods C<has_FIELD>,
+empty-handle result, given with each method below; C<has_FIELD>,
 C<clear_FIELD>, C<set_FIELD>, C<add_FIELD> and C<FIELD_size> die with "THIS
-holds no quillon_event_log::QuillonEventLog record".
+holds no quillon_event_log::QuillonEventLog record". Any other hand-made
+handle is refused (L</DIAGNOSTICS>).
 
-=head1 METHODS
+=head2 Whole-record methods
 
-These are the 15 whole-record methods, in the order in which they are
-registered.
-
-=head2 new
+=head3 new
 
   my $rec = quillon_event_log::QuillonEventLog->new;
   my $rec = quillon_event_log::QuillonEventLog->new(\%hash);
   my $rec = quillon_event_log::QuillonEventLog->new($bytes);
 
-Prototype C<"$;@">, usage text "CLASS, ...". Makes a new object that owns a
-new record. The class name must be exactly
-C<quillon_event_log::QuillonEventLog>; any other name, the name of a subclass
-included, dies with "invalid class %s" (the name given in place of C<%s>).
-Instance methods do accept objects blessed into a subclass; only C<new>
-insists on the exact name. The object is always blessed into
+Makes a new object that owns a new record. The class name must be exactly
+C<quillon_event_log::QuillonEventLog>; any other name, a subclass's
+included, dies with "invalid class NAME" (see
+L</KNOWN QUIRKS OF THE RECORD CLASS>). The object is always blessed into
 C<quillon_event_log::QuillonEventLog>.
-
-The argument shapes:
 
 =over 4
 
@@ -169,9 +533,9 @@ An empty record: every field absent.
 
 =item C<new($class, \%hash)>
 
-A record built from a hash in the hash form (L</THE HASH FORM>). A blessed
-hash reference counts as a hash. Unknown keys are ignored and nothing is
-added to the hash.
+A record built from a hash in the hash form (L</MAPPING>). A blessed hash
+reference counts as a hash. Unknown keys are ignored and nothing is added to
+the hash.
 
 =item C<new($class, $bytes)>
 
@@ -179,10 +543,9 @@ Any second argument that is not a hash reference is taken as wire bytes: its
 string form is parsed into the record. A parse failure is not reported; the
 object keeps whatever the parse left in the record (use L</unpack> when the
 outcome matters). C<undef> reads as the empty string and gives an empty
-record, with Perl's uninitialised-value warning when warnings are on. A
-record object given here is parsed by its string form
-(C<quillon_event_log::QuillonEventLog=SCALAR(0x...)>), which is not what you
-want: copy records with L</copy_from>.
+record, with Perl's uninitialised-value warning. A record object given here
+is parsed by its string form (C<quillon_event_log::QuillonEventLog=SCALAR(0x...)>),
+which is not what you want: copy records with L</copy_from>.
 
 =item C<new($class, $x, $y, ...)>
 
@@ -191,45 +554,33 @@ are ignored.
 
 =back
 
-Called as a plain function without any argument (C<&new()>), C<new> dies
-with the usage error "Usage: quillon_event_log::QuillonEventLog::new(CLASS, ...)".
-
-=head2 DESTROY
+=head3 DESTROY
 
   $rec->DESTROY;     # normally left to Perl
 
-Prototype C<"$">. Frees the record and sets the handle to 0, so a second
-C<DESTROY> (an explicit call followed by Perl's own) finds an empty handle
-and does nothing. After an explicit C<DESTROY> the object is an empty handle
-(see L</Method names, prototypes and empty handles>).
+Frees the record. The object becomes an empty handle, so a second
+C<DESTROY> (an explicit call followed by Perl's own) does nothing.
 
-A freed record whose encoding is at most 16 KiB is cleared and kept, up to
-16 per thread, and the next C<new> of that thread starts from it: its
-strings, addresses and list elements are refilled in place instead of being
-allocated again. Nothing of its content survives the clearing, so this is
-invisible except in speed and in the few kilobytes the kept records hold.
-
-=head2 copy_from
+=head3 copy_from
 
   $rec->copy_from($other);
   $rec->copy_from(\%hash);
 
-Prototype C<"$$">, usage text "svTHIS, sv". Makes the record equal to the
-source: every field of the record that the source does not have becomes
-absent. The source is
+Makes the record equal to the source: every field the source does not have
+becomes absent. The source is
 
 =over 4
 
 =item *
 
 an object of the class (or of a class derived from it): its record is
-copied. A source with an empty handle counts as an empty record, so the
-invocant is cleared. Copying a record from itself changes nothing.
+copied. An empty handle counts as an empty record, so the invocant is
+cleared. Copying a record from itself changes nothing.
 
 =item *
 
-a hash reference (blessed or not): a temporary record is built from it as
-C<new> would (L</THE HASH FORM>), copied, and freed.
+a hash reference (blessed or not): a record is built from it as C<new>
+would (L</MAPPING>) and copied.
 
 =item *
 
@@ -240,71 +591,67 @@ object of another class): ignored, without error or warning.
 
 Returns nothing. On an empty handle it does nothing.
 
-=head2 merge_from
+=head3 merge_from
 
   $rec->merge_from($other);
   $rec->merge_from(\%hash);
 
-Prototype C<"$$">, usage text "svTHIS, sv". Merges the source, of the same
-kinds as for L</copy_from>, into the record: every singular field present in
-the source replaces the record's value; the two addresses are merged field by
-field (an absent address is created first); the source's list elements are
-appended to the record's lists (a merged list grows, it is never replaced);
-the source's unknown fields are added. Fields that the source does not have
-are left as they are. A source object with an empty handle, or a source of
-any other kind, changes nothing. Returns nothing. On an empty handle it does
-nothing.
+Merges the source, of the same kinds as for L</copy_from>, into the record:
+every single-value field present in the source replaces the record's value;
+the two addresses are merged word by word (an absent address is created
+first); the source's list elements are appended to the record's lists; the
+source's unknown fields are added. Fields the source does not have are left
+as they are. An empty-handle source, or a source of any other kind, changes
+nothing. Returns nothing. On an empty handle it does nothing.
 
-Merging a record into itself (C<< $rec->merge_from($rec) >>, or from any
-object holding the same record) is a broken precondition of the message
-class: the process ends at once, see L</DIAGNOSTICS>. It cannot be caught
-with C<eval>.
+  $rec->merge_from({ actual_mitigation_action => 'captcha', anomalies => ['Rate limit exceeded'] });
 
-=head2 clear
+Merging a record into itself (C<< $rec->merge_from($rec) >>) ends the
+process (L</DIAGNOSTICS>); it cannot be caught with C<eval>. Merge a copy:
+C<< $rec->merge_from(quillon_event_log::QuillonEventLog->new($rec->pack)) >>.
+
+=head3 clear
 
   $rec->clear;
 
-Prototype C<"$">. Makes every field absent, empties the lists and drops
-unknown fields. Afterwards C<length> is 0. Returns nothing; does nothing on
-an empty handle.
+Makes every field absent, empties the lists and drops unknown fields.
+Afterwards C<length> is 0. Returns nothing; does nothing on an empty handle.
 
-=head2 is_initialized
+=head3 is_initialized
 
   my $ok = $rec->is_initialized;
 
-Prototype C<"$">. 1 when every required field is present, else 0. The record
-has no required fields, so every record answers 1. Empty handle: 0.
+1 when every required field is present, else 0. The record has no required
+fields, so every record answers 1. Empty handle: 0.
 
-=head2 error_string
+=head3 error_string
 
   my $missing = $rec->error_string;
 
-Prototype C<"$">. The dotted paths of the missing required fields, joined by
-C<", ">. For this record it is always the empty string. Empty handle: C<"">.
+The dotted paths of the missing required fields, joined by C<", ">: always
+the empty string for this record. Empty handle: C<"">.
 
-=head2 discard_unkown_fields
+=head3 discard_unkown_fields
 
   $rec->discard_unkown_fields;
 
-Prototype C<"$">. The name is misspelt on purpose: C<discard_unkown_fields>
-is the public name of this method and is kept as it is; there is no
-correctly spelt alias.
-
-Drops the unknown fields of the record and of its address sub-records: the
-fields that a parse met with a number the schema does not declare (for
-example 6 or 31, the two numbers the schema leaves free). Without it, they
+(The misspelt name is the public one; see
+L</KNOWN QUIRKS OF THE RECORD CLASS>.) Drops the unknown fields of the
+record and of its addresses: the fields that a parse met with a number the
+schema does not declare (for example 6 or 31, the two numbers the schema
+leaves free), or with another wire type than the schema's. Without it, they
 are kept and written again by C<pack> after the known fields. Returns
 nothing; does nothing on an empty handle.
 
-=head2 debug_string
+=head3 debug_string
 
   print $rec->debug_string;
 
-Prototype C<"$">. The record in the protocol-buffer text form, one field per
-line, in field-number order: C<name: value>, strings in double quotes with C
-escapes (C<\r>, C<\n>, C<\000>, octal for bytes outside printable ASCII),
-numbers in decimal, flags as C<true> or C<false>, each list element on a line
-of its own, and each address as a nested block indented by two spaces:
+The record in the protocol-buffer text form, one field per line, in
+field-number order: C<name: value>, strings in double quotes with C escapes
+(C<\r>, C<\n>, C<\000>, octal for bytes outside printable ASCII), numbers in
+decimal, flags as C<true> or C<false>, each list element on a line of its
+own, and each address as a nested block indented by two spaces:
 
   bot_name: "python-requests"
   client_ip {
@@ -319,28 +666,27 @@ of its own, and each address as a nested block indented by two spaces:
 Every line, the last included, ends in a newline. An empty record gives the
 empty string. Empty handle: C<"">.
 
-=head2 short_debug_string
+=head3 short_debug_string
 
   print $rec->short_debug_string, "\n";
 
-Prototype C<"$">. The same text form on one line, items separated by single
-spaces, without a final newline:
+The same text form on one line, items separated by single spaces, without a
+final newline:
 
   bot_name: "python-requests" client_ip { ip3: 3405803821 rtdom_id: 0 } src_port: 51734
 
 Empty handle: C<"">.
 
-=head2 unpack
+=head3 unpack
 
   my $ok = $rec->unpack($bytes);
 
-Prototype C<"$$">, usage text "svTHIS, arg". Replaces the record's contents
-with the record parsed from the wire bytes in the string form of the
-argument (C<undef> reads as the empty string). It never merges: fields set
-before are gone. Returns 1 when the bytes parse, 0 when they do not; a
-failure is never an exception, and the record then holds what was parsed
-before the fault. The empty string parses to an empty record and returns 1.
-Empty handle: 0.
+Replaces the record's contents with the record parsed from the wire bytes
+in the string form of the argument (C<undef> reads as the empty string). It
+never merges: fields set before are gone. Returns 1 when the bytes parse, 0
+when they do not; a failure is never an exception, and the record then holds
+what was parsed before the fault. The empty string parses to an empty record
+and returns 1. Empty handle: 0.
 
 What counts as a clean parse:
 
@@ -348,16 +694,16 @@ What counts as a clean parse:
 
 =item *
 
-Fields may come in any order and any number of times: a later singular
-value replaces an earlier one, a later address merges into the earlier one,
-list elements are appended.
+Fields may come in any order and any number of times: a later single value
+replaces an earlier one, a later address merges into the earlier one, list
+elements are appended.
 
 =item *
 
 A field whose number the schema does not declare, or a declared number with
 another wire type, is kept as an unknown field and written again by C<pack>
-after the known fields, also field number 0 (C<"\x02\x00"> parses to 1 and
-packs to the same two bytes), and also inside C<client_ip> and C<dest_ip>.
+after the known fields; so is field number 0 (C<"\x02\x00"> parses, and
+packs to the same two bytes), also inside C<client_ip> and C<dest_ip>.
 Groups are kept with their contents.
 
 =item *
@@ -373,130 +719,89 @@ length running past the input or past its enclosing address; an address
 that does not end exactly at its length; an unbalanced group; nesting of
 addresses and groups deeper than 100 levels; and input longer than 64 MiB
 (67,108,864 bytes), which fails where it crosses that size (the runtime
-logs "A protocol message was rejected because it was too big" on standard
-error). A string running past the input keeps the bytes that were there.
+logs "A protocol message was rejected because it was too big"). A string
+running past the input keeps the bytes that were there.
 
 =back
 
-Inputs longer than 2,147,483,647 bytes are beyond the wire format's limit
-and are not parsed as a whole.
-
-=head2 pack
+=head3 pack
 
   my $bytes = $rec->pack;
 
-Prototype C<"$">. The record's wire encoding as a new byte string (no UTF-8
-flag): every present field in field-number order, then the unknown fields.
-C<new> and C<unpack> read it back into an equal record, and
-C<length($bytes)> equals C<< $rec->length >>.
+The record's wire encoding as a new byte string: every present field in
+field-number order, then the unknown fields. C<new> and C<unpack> read it
+back into an equal record, and C<length($bytes)> equals C<< $rec->length >>
+-- except for an empty record, which packs to 16 zero bytes (see
+L</KNOWN QUIRKS OF THE RECORD CLASS>). Empty handle: C<undef>.
 
-One exception: a record without any field encodes to nothing, yet C<pack>
-returns 16 bytes, all zero (C<"\0" x 16>), while C<length> returns 0. This
-is intended and must not be relied on to round-trip: given back to
-C<unpack>, those bytes do not parse (field number 0 does not exist), so
-C<unpack> returns 0 and leaves the record empty, and C<new> makes an empty
-record. Test for an empty record with C<< $rec->length == 0 >>, not with the
-packed string.
-
-Empty handle: C<undef>.
-
-=head2 length
+=head3 length
 
   my $n = $rec->length;
 
-Prototype C<"$">. The number of bytes of the record's wire encoding, as an
-integer; 0 for an empty record. Empty handle: 0.
+The number of bytes of the record's wire encoding; 0 for an empty record.
+Empty handle: 0.
 
-=head2 fields
+=head3 fields
 
   my @names = quillon_event_log::QuillonEventLog->fields;
-  my @names = $rec->fields;
 
-Prototype C<"$">, usage text "svTHIS". The names of the record's 59 fields in
-field-number order, C<bot_name> first and C<http_protocol_info> last. The
-list is fixed: it does not depend on what the record holds, and it names
-the fields of the record only, not those of the address. C<fields> makes no
-test of its one argument, so it answers on the class name or on any value.
-In scalar context it gives the last name, C<"http_protocol_info">; count the
-names with C<< my $n = () = $rec->fields >>.
+The names of the record's 59 fields in field-number order, C<bot_name>
+first and C<http_protocol_info> last. The list is fixed; it names the
+record's fields only, not the address words. C<fields> does not test its
+argument, so it answers on the class name or on any value. In scalar context
+it gives the last name; count the names with C<< my $n = () = $rec->fields >>.
 
-=head2 to_hashref
+=head3 to_hashref
 
   my $h = $rec->to_hashref;
 
-Prototype C<"$">. The whole record as a reference to a new hash in the hash
-form (L</THE HASH FORM>): one key per present field. A new, empty record
-gives a reference to an empty hash. Each call returns a new hash; changing
-it changes neither the record nor any hash returned before.
+The whole record as a reference to a new hash in the hash form
+(L</MAPPING>): one key per present field; unknown fields are not shown. An
+empty record gives a reference to an empty hash. Each call returns a new
+hash. On an empty handle: a null result (see
+L</KNOWN QUIRKS OF THE RECORD CLASS>).
 
-On an empty handle the method returns a null result: not a reference, not
-even a Perl value. Taken in scalar context, as in C<my $h = $rec-E<gt>to_hashref>,
-C<my ($h) = ...> or C<defined $rec-E<gt>to_hashref>, it reads as C<undef>.
-Do not use it where a list of values is consumed, such as C<my @h = ...>,
-C<map>, C<grep> or a C<for> list: there the null entry is handed on to Perl,
-which may crash. When an object may have been destroyed, read the result into
-a scalar and test it with C<defined>.
+=head2 Field accessors
 
-=head1 FIELD ACCESSORS
+Every field has four methods named after it; C<FIELD> stands for the field
+name, as in C<has_bot_name>, C<clear_bot_name>, C<bot_name>,
+C<set_bot_name>. The methods of a family behave alike.
 
-Every field has four methods, named after it. The methods of a family behave
-alike and differ only in the field they touch, so each family is described
-once below with the table of its fields; C<FIELD> stands for a field name,
-as in C<has_bot_name>, C<clear_bot_name>, C<bot_name>, C<set_bot_name>. The
-accessors are registered after the 15 whole-record methods, four per field,
-in field-number order.
-
-Common rules of the singular fields (every family but the lists):
+For the single-value fields (every family but the lists):
 
 =over 4
 
 =item *
 
-C<has_FIELD> (prototype C<"$">, usage "svTHIS") returns 1 when the field is
-present, else 0.
+C<has_FIELD> returns 1 when the field is present, else 0.
 
 =item *
 
-C<clear_FIELD> (C<"$">, "svTHIS") makes the field absent; it then reads as
-its default. Returns nothing.
+C<clear_FIELD> makes the field absent; it then reads as its default.
 
 =item *
 
-C<FIELD> (C<"$">, "svTHIS") returns the field's value whether or not it is
-present: an absent field reads as its default. On an empty handle the getter
-returns the empty list (C<undef> in scalar context).
+C<FIELD> returns the value, or the default when the field is absent: C<"">
+for strings, 0 for uint32 and flags, C<"0"> for uint64, an empty address
+object for addresses. On an empty handle it returns the empty list
+(C<undef> in scalar context).
 
 =item *
 
-C<set_FIELD> (C<"$$">, "svTHIS, svVAL") stores the value and sets the
-presence bit, also when the value equals the default. Returns nothing.
-String setters check the invocant before they read the value; the number
-and flag setters convert the value first (so a tied value is fetched even
-when the invocant is then refused).
-
-=item *
-
-C<has_FIELD>, C<clear_FIELD> and C<set_FIELD> on an empty handle die with
-"THIS holds no quillon_event_log::QuillonEventLog record".
+C<set_FIELD> stores the value (converted as in L</MAPPING>) and makes the
+field present, also when the value equals the default. Returns nothing.
 
 =back
 
-=head2 String fields
+=head3 String fields
 
-  my $present = $rec->has_FIELD;      # "$"
-  $rec->clear_FIELD;                  # "$"
-  my $bytes   = $rec->FIELD;          # "$"
-  $rec->set_FIELD($bytes);            # "$$"
+  $rec->set_FIELD($bytes);    my $bytes = $rec->FIELD;
 
-The value is a byte string, default C<"">. The setter stores the bytes of its
-argument's string form exactly (embedded zero bytes included; numbers as
-Perl prints them, C<undef> as C<"">); the getter returns a new byte string.
-See L</CONVERSIONS> for characters above 255. Several fields whose names read
-like yes/no attributes are strings, not flags: C<mobile_is_human_behaviour>,
+Byte strings, default C<"">. Several fields whose names read like yes/no
+attributes are strings, not flags: C<mobile_is_human_behaviour>,
 C<mobile_app_emulation_mode>, C<mobile_app_jailbroken_rooted>,
-C<mobile_debugger_enabled_device>.
-
-The 43 string fields, with their field numbers:
+C<mobile_debugger_enabled_device>. The 43 string fields, with their field
+numbers:
 
    1 bot_name                               34 microservice_type
    2 profile_name                           35 captcha_status
@@ -522,109 +827,86 @@ The 43 string fields, with their field numbers:
                                             60 challenge_failure_reason
                                             61 http_protocol_info
 
-=head2 uint32 fields
+=head3 uint32 fields
 
-  my $present = $rec->has_FIELD;      # "$"
-  $rec->clear_FIELD;                  # "$"
-  my $number  = $rec->FIELD;          # "$"
-  $rec->set_FIELD($number);           # "$$"
+  $rec->set_FIELD($number);   my $number = $rec->FIELD;
 
-Unsigned 32-bit numbers, default 0. The getter returns an unsigned integer;
-the setter wraps its value modulo 2**32 (L</CONVERSIONS>).
+Unsigned 32-bit numbers, default 0; the setter keeps the low 32 bits.
+C<request_time> and C<previous_request_time> are seconds in 32 bits, not
+64-bit values.
 
   19 src_port                 27 request_time
   20 dest_port                28 previous_request_time
                               52 slot_number
 
-C<request_time> and C<previous_request_time> are 32-bit numbers (seconds),
-not 64-bit.
+=head3 uint64 fields
 
-=head2 uint64 fields
+  $rec->set_FIELD($decimal);  my $decimal = $rec->FIELD;
 
-  my $present = $rec->has_FIELD;      # "$"
-  $rec->clear_FIELD;                  # "$"
-  my $decimal = $rec->FIELD;          # "$"
-  $rec->set_FIELD($decimal);          # "$$"
-
-Unsigned 64-bit identifiers, default C<"0">. The getter returns the value as
-a string of decimal digits, never as a number; the setter parses the string
-form of its value (L</CONVERSIONS>). Pass these values as strings.
+Unsigned 64-bit identifiers, default C<"0">, given and returned as strings
+of decimal digits. Pass them as strings (L</MAPPING>).
 
   21 device_id                23 support_id
   22 session_id               24 previous_support_id
 
-=head2 bool fields
+=head3 bool fields
 
-  my $present = $rec->has_FIELD;      # "$"
-  $rec->clear_FIELD;                  # "$"
-  my $flag    = $rec->FIELD;          # "$"
-  $rec->set_FIELD($flag);             # "$$"
+  $rec->set_FIELD($flag);     my $flag = $rec->FIELD;
 
 Flags, default false. The getter returns 1 or 0; the setter stores true
-exactly when the integer value of its argument is not zero (L</CONVERSIONS>).
+exactly when the integer value of its argument is not zero, so C<"true"> and
+C<0.5> are false (L</MAPPING>).
 
   25 mobile_is_app            50 is_https_request
                               59 is_update_request
 
-=head2 Address fields
+=head3 Address fields
 
-  my $present = $rec->has_FIELD;      # "$"
-  $rec->clear_FIELD;                  # "$"
-  my $addr    = $rec->FIELD;          # "$"  a quillon_event_log::IPAddr object
-  $rec->set_FIELD($addr);             # "$$" a quillon_event_log::IPAddr object
+  $rec->set_FIELD($addr);     my $addr = $rec->FIELD;   # quillon_event_log::IPAddr objects
 
    4 client_ip
    5 dest_ip
 
-Each is an C<IPAddr> sub-record (L</THE ADDRESS CLASS>) with the four 32-bit
-words C<ip0> to C<ip3> of a network address and the number C<rtdom_id> of
-the routing domain it belongs to.
+Each is an address (L<quillon_event_log::IPAddr>): the four 32-bit words
+C<ip0> to C<ip3> of a network address and the routing domain C<rtdom_id>.
 
 The getter returns a new C<quillon_event_log::IPAddr> object holding a copy
 of the address: changing it does not change the record, and each call gives
-a new object. An absent address reads as an empty one (an object with no
-field set), never C<undef>, and reading it does not make it present.
+a new object. An absent address reads as an empty one, never C<undef>, and
+reading it does not make it present.
 
-The setter takes an object of C<quillon_event_log::IPAddr> (or of a class
-derived from it), makes the address present and copies the object's fields
-into it; the caller's object is neither changed nor taken over. Anything
-else, a plain hash reference included, dies with "VAL is not of type
-quillon_event_log::IPAddr" and leaves the record unchanged. An
-C<IPAddr> object with an empty handle changes nothing. C<clear_FIELD> makes
-the address absent and empties it.
+The setter takes a C<quillon_event_log::IPAddr> object (or one of a class
+derived from it), makes the address present and copies the object's words
+into it; the caller's object is not changed. Anything else, a plain hash
+reference included, dies with "VAL is not of type quillon_event_log::IPAddr"
+and leaves the record unchanged. An empty address handle changes nothing.
+C<clear_FIELD> makes the address absent and empties it.
 
-  $rec->set_client_ip(quillon_event_log::IPAddr->new({ ip3 => 0xCB00712D, rtdom_id => 0 }));
-  printf "%08x\n", $rec->client_ip->ip3;
+  $rec->set_client_ip(quillon_event_log::IPAddr->from_string('203.0.113.45'));
+  print $rec->client_ip->as_string, "\n";          # 203.0.113.45
 
-=head2 Repeated string fields
+=head3 Repeated string fields
 
-  my $count   = $rec->FIELD_size;     # "$"
-  $rec->clear_FIELD;                  # "$"
-  my @all     = $rec->FIELD;          # "$;@"
-  my $one     = $rec->FIELD($index);  # "$;@"
-  $rec->add_FIELD($bytes);            # "$$"
+  my $count = $rec->FIELD_size;
+  $rec->clear_FIELD;
+  my @all   = $rec->FIELD;
+  my $one   = $rec->FIELD($index);
+  $rec->add_FIELD($bytes);
 
   44 anomaly_categories
   45 anomalies
 
-Ordered lists of byte strings, empty by default; they have no presence bit
-and no C<has_> method. C<FIELD_size> returns the element count,
-C<clear_FIELD> empties the list, C<add_FIELD> appends one element (its
-argument's bytes, as a string setter stores them). Their usage texts are
-"svTHIS" and "svTHIS, svVAL".
+Ordered lists of byte strings, empty by default, without presence bit and
+without C<has_> method. C<FIELD_size> returns the element count,
+C<clear_FIELD> empties the list, C<add_FIELD> appends one element (stored as
+a string setter stores it).
 
-The getter without an index returns every element in order as a list (in
-scalar context, the last element, or C<undef> for an empty list). With one
-index it returns that element, or C<undef> when the index is negative or not
-less than the count; a negative index does not count from the end. The index
-is the low 32 bits of the argument's integer value, so C<4294967297> reads
-as 1 and a non-numeric string as 0. With two or more indexes it dies with
-"Usage: quillon_event_log::QuillonEventLog::anomalies(CLASS, [index])" (for
-C<anomaly_categories>, the same text with that name); called as a plain
-function without any argument, with the usage error "svTHIS, ...". On an
-empty handle the getter returns the empty list, with or without an index;
-the other three methods die with "THIS holds no
-quillon_event_log::QuillonEventLog record".
+The getter without an index returns every element in order (in scalar
+context the last element, or C<undef> for an empty list). With one index it
+returns that element, or C<undef> when the index is negative or not less
+than the count; a negative index does not count from the end. The index is
+the low 32 bits of the argument's integer value. On an empty handle the
+getter returns the empty list.
 
   $rec->add_anomalies('a');
   $rec->add_anomalies('b');
@@ -633,405 +915,301 @@ quillon_event_log::QuillonEventLog record".
   my $u = $rec->anomalies(-1);      # undef
   my $n = $rec->anomalies_size;     # 2
 
-=head1 CONVERSIONS
+=head2 Reading hashes: details
 
-The same rules apply to the setters, to the hash form (both directions) and
-to the address class.
-
-=over 4
-
-=item uint64 values are decimal strings
-
-The getters and C<to_hashref> return a 64-bit value as a string of decimal
-digits, without sign or leading zeros: C<"0"> for zero,
-C<"18446744073709551615"> for the largest value. No digit is lost on any
-perl.
-
-On the way in the value's string form is parsed like C's C<strtoull> with
-base 0: leading white space is skipped; an optional C<+> or C<-> is read;
-C<0x> or C<0X> starts a hexadecimal number and any other leading C<0> an
-octal one, else the number is decimal; parsing stops at the first character
-that does not fit; text without digits gives 0; a value beyond the 64-bit
-range gives 18446744073709551615; a leading C<-> negates modulo 2**64. No
-error is ever reported. For example:
-
-  "18446744073709551615"   -> 18446744073709551615
-  "0x10"                   -> 16
-  "010"                    -> 8
-  "-1"                     -> 18446744073709551615
-  "99999999999999999999"   -> 18446744073709551615
-  "12abc"                  -> 12
-  "abc"                    -> 0 (and the field is present)
-  1e19                     -> 1
-
-The last line is why these values are given as strings: a number is parsed
-in Perl's string form of it, and a floating-point number such as C<1e19>
-(C<"1e+19">) or C<2**53> (C<"9.00719925474099e+15">) is read only up to its
-first non-digit. Integers that Perl holds as integers (up to
-18446744073709551615) print in full and are safe.
-
-=item uint32 values wrap modulo 2**32
-
-The value goes through Perl's unsigned-integer conversion and its low 32
-bits are stored: C<4294967296> gives 0, C<4294967297> gives 1, C<-1> gives
-4294967295, C<3.9> gives 3, C<"80abc"> gives 80 and C<"abc"> 0 (with Perl's
-"isn't numeric" warning when warnings are on). A number beyond Perl's
-unsigned range saturates to 2**64-1 first, so C<1e20> gives 4294967295.
-C<"0x10"> gives 0: hexadecimal text is not read here.
-
-=item flags follow the integer value, not Perl truth
-
-A flag is stored true exactly when Perl's integer conversion of the value is
-not zero. So C<2>, C<-1>, C<"1.5"> and C<" 3"> are true, while C<0.5>,
-C<"0.9">, C<"0 but true">, C<"0E0">, C<"abc"> and C<""> are all false,
-although several of them are true to Perl. The getters return 1 or 0.
-
-=item strings are bytes
-
-A string value is stored as the bytes of the Perl scalar's buffer, with no
-encoding or decoding: the UTF-8 flag is ignored on input and never set on
-output. A byte string is stored as its bytes; a character string (UTF-8
-flag on) is stored as its internal UTF-8 encoding, so C<"\x{263A}"> comes
-back as the three bytes C<"\xE2\x98\xBA"> and C<"\xFF"> from a character
-string as C<"\xC3\xBF">. Decode with L<Encode> when characters are wanted.
-Embedded zero bytes are kept. Bytes that are not valid UTF-8 are stored and
-returned as they are; the protocol-buffer runtime only logs a complaint
-about them on standard error (L</DIAGNOSTICS>).
-
-=back
-
-C<undef> given as a value is converted like any other value, with Perl's
-uninitialised-value warning when warnings are on: C<"">, 0 or false.
-
-=head1 THE HASH FORM
-
-The hash form is one Perl hash per record, written by L</to_hashref> and read
-by L</new>, L</copy_from> and L</merge_from>. A hash made by C<to_hashref>
-from any record gives back an equal record, presence bits included.
-
-=over 4
-
-=item Keys
-
-The field names of the record, exactly as returned by L</fields>. No other
-keys are written, and other keys are ignored on input.
-
-=item Present-field rule
-
-A singular field has a key exactly when it is present, whatever its value: a
-string set to C<""> has a key with C<"">, a number set to 0 a key with 0, a
-flag set to false a key with 0. An absent (or cleared) field has no key. A
-list has a key exactly when it holds at least one element. An address has a
-key exactly when it is present, also when none of its own fields is set (the
-value is then an empty hash).
-
-=item Values
-
-  string fields       a byte string
-  uint32 fields       an unsigned integer
-  uint64 fields       a string of decimal digits, e.g. "18446744073709551615"
-  bool fields         1 or 0
-  client_ip, dest_ip  a reference to an address hash
-  anomaly_categories,
-  anomalies           a reference to an array of byte strings, in order
-
-=item Address hashes
-
-The keys C<ip0>, C<ip1>, C<ip2>, C<ip3> and C<rtdom_id>, each present
-exactly when that field of the address is set, each an unsigned integer:
-
-  client_ip => { ip0 => 0, ip1 => 0, ip2 => 0, ip3 => 3405803821, rtdom_id => 0 }
-
-=back
-
-Reading a hash (C<new>, C<copy_from>, C<merge_from>): every field name is
-looked up once, in field-number order; for each key that exists (a key whose
-value is C<undef> exists) the value is converted as its setter would convert
-it (L</CONVERSIONS>) and the field is set. Missing keys leave their fields
-absent. In particular:
-
-=over 4
-
-=item *
-
-An address key makes the address present whatever its value. Only when the
-value is a hash reference are C<ip0> to C<rtdom_id> read from it (each that
-exists is set, as a uint32; other keys are ignored); C<undef>, a string, a
-number or an array reference gives a present, empty address.
-
-=item *
-
-A list key is used only when its value is an array reference (a blessed one
-counts); one element is appended per existing array element, in index order.
-An C<undef> element gives C<"">; a hole in the array (an index never
-assigned) adds nothing. Any other value gives no elements.
-
-=item *
-
-The hash and its arrays are only read: no key or element is ever added to
-them.
-
-=back
-
-The reading is lenient by design: it never dies on its own and reports
-nothing (only a tied value's own C<FETCH> can die). Unknown keys are never
-looked at, and values of the wrong kind are converted by Perl's ordinary
-conversions or skipped. A hash reference with only unknown keys gives an
-empty record.
+C<new(\%hash)>, C<copy_from> and C<merge_from> look up every field name once,
+in field-number order; for each key that exists (a key whose value is
+C<undef> exists) the value is converted as its setter would convert it and
+the field is set. They never die on their own and report nothing (only a
+tied value's own C<FETCH> can die), and never add a key or element to the
+hash or its arrays.
 
 Tied and restricted hashes read like plain ones. A tied hash is asked
 whether each field's key C<EXISTS> and then C<FETCH>es the value of each key
-it has, so it gives exactly the fields it holds, nested hashes and arrays
-included. A restricted hash (L<Hash::Util>) is read without Perl's
-"disallowed key" error for the field keys it does not allow. Every value with
-magic (a tied element, C<$1>, a tied argument) is fetched exactly once.
-
-With C<copy_from> the record becomes exactly what the hash describes; with
-C<merge_from> the keys of the hash replace the record's singular fields,
-missing keys leave them as they were, array elements are appended to the
-record's lists, and an address hash is merged field by field into the
-record's address:
-
-  $rec->merge_from({ actual_mitigation_action => 'captcha', anomalies => ['Rate limit exceeded'] });
-
-=head1 THE ADDRESS CLASS
-
-Loading the module also provides the class C<quillon_event_log::IPAddr>. Its
-objects hold one C<IPAddr> record (the same handle layout as the record's
-objects) and free it when they go away. The address getters C<client_ip>
-and C<dest_ip> return such objects, and the address setters read them.
-
-=over 4
-
-=item C<< quillon_event_log::IPAddr->new >>, C<< quillon_event_log::IPAddr->new(\%address) >>
-
-Prototype C<"$;@">, usage text "CLASS, ...". The class name must be exactly
-C<quillon_event_log::IPAddr>, else it dies with "invalid class %s". Without a
-second argument it makes an empty address. With a hash reference, the keys
-C<ip0>, C<ip1>, C<ip2>, C<ip3> and C<rtdom_id> that exist are set, each
-converted as a uint32 (low 32 bits); other keys are ignored. Any other
-second argument, or three or more arguments, gives an empty address.
-
-=item C<has_F>, C<clear_F>, C<F>, C<set_F>
-
-For each F of C<ip0>, C<ip1>, C<ip2>, C<ip3> and C<rtdom_id>, exactly as the
-record's uint32 accessors: prototypes C<"$">, C<"$">, C<"$"> and C<"$$">,
-usage texts "svTHIS" and "svTHIS, svVAL"; the getter returns the value (0
-when absent), the setter wraps modulo 2**32 and converts its value before
-it checks the invocant.
-
-=item C<to_hashref>
-
-Prototype C<"$">. A reference to a new address hash holding the present
-fields only, as unsigned integers.
-
-=item C<DESTROY>
-
-Prototype C<"$">. Frees the address and sets the handle to 0, like the
-record's C<DESTROY>.
-
-=back
-
-An invocant that is not an object of the class dies with "THIS is not of
-type quillon_event_log::IPAddr". On an empty address handle the getters
-return the empty list and C<to_hashref> returns C<undef>, while C<has_F>,
-C<clear_F> and C<set_F> die with "THIS holds no quillon_event_log::IPAddr
-address".
-
-  my $a = quillon_event_log::IPAddr->new({ ip3 => 0xC6336402, rtdom_id => 2 });
-  $a->set_rtdom_id(3);
-  my $h = $a->to_hashref;        # { ip3 => 3325256706, rtdom_id => 3 }
+it has. A restricted hash (L<Hash::Util>) is read without Perl's "disallowed
+key" error for field keys it does not allow. Every value with magic (a tied
+element, C<$1>, a tied argument) is fetched exactly once.
 
 =head1 DIAGNOSTICS
 
-Errors reach Perl as exceptions with fixed texts; there are no error codes.
-Perl appends its usual " at FILE line N." to each, so match them with a
-pattern such as C<qr/^THIS is not of type quillon_event_log::QuillonEventLog at />.
+Errors are exceptions with fixed texts; Perl appends " at FILE line N." to
+each, so match them with a pattern such as
+C<qr/^THIS is not of type quillon_event_log::QuillonEventLog at />. The
+texts of the other modules are listed in their own manuals.
 
 =over 4
 
 =item THIS is not of type quillon_event_log::QuillonEventLog
 
-A method of the record class (any but C<new> and C<fields>) was called on
-something that is not an object of the class or of a class derived from it:
-a plain string such as the class name, an unblessed reference, an object of
-another class.
+A method (any but C<new> and C<fields>) was called on something that is not
+an object of the class or of a class derived from it: a plain string such as
+the class name, an unblessed reference, an object of another class.
+
+=item THIS is not a quillon_event_log::QuillonEventLog handle made by this module
+
+The invocant is blessed into the class but was not made by C<new> (for
+example C<bless \(my $x = 12345), 'quillon_event_log::QuillonEventLog'>).
+A hand-made reference to 0 is an empty handle instead, not an error.
+
+=item sv is not a quillon_event_log::QuillonEventLog handle made by this module
+
+The same for the source of C<copy_from> or C<merge_from>.
 
 =item THIS is not of type quillon_event_log::IPAddr
 
-The same for the methods of C<quillon_event_log::IPAddr> (all but C<new>).
+=item THIS is not a quillon_event_log::IPAddr handle made by this module
 
-=item invalid class %s
-
-C<new> of either class was called with a class name other than exactly
-C<quillon_event_log::QuillonEventLog> (or C<quillon_event_log::IPAddr>); the
-name given takes the place of C<%s>. Subclass names are refused too.
+The same for the methods of L<quillon_event_log::IPAddr>.
 
 =item VAL is not of type quillon_event_log::IPAddr
 
-C<set_client_ip> or C<set_dest_ip> was given something that is not an
-object of C<quillon_event_log::IPAddr> (a hash reference, a string, an object
+C<set_client_ip> or C<set_dest_ip> was given something that is not a
+C<quillon_event_log::IPAddr> object (a hash reference, a string, an object
 of another class). The record is unchanged.
+
+=item VAL is not a quillon_event_log::IPAddr handle made by this module
+
+C<set_client_ip> or C<set_dest_ip> was given an address object that was not
+made by this module. The record is unchanged.
+
+=item invalid class %s
+
+C<new> was called with a class name other than exactly
+C<quillon_event_log::QuillonEventLog>; the name given takes the place of
+C<%s>. Subclass names are refused too.
+
+=item THIS holds no quillon_event_log::QuillonEventLog record
+
+A C<has_>, C<clear_>, C<set_>, C<add_> or C<_size> method was called on an
+empty handle (after C<DESTROY>, or on a reference to 0 blessed by hand).
 
 =item Usage: quillon_event_log::QuillonEventLog::anomalies(CLASS, [index])
 
 =item Usage: quillon_event_log::QuillonEventLog::anomaly_categories(CLASS, [index])
 
-The list getter was given more than one index. This test comes after the
-test of the invocant.
-
-=item THIS holds no quillon_event_log::QuillonEventLog record
-
-A C<has_>, C<clear_>, C<set_>, C<add_> or C<_size> method was called on an
-empty handle (after C<DESTROY>, or on a handle blessed by hand around 0).
-
-=item THIS holds no quillon_event_log::IPAddr address
-
-C<has_F>, C<clear_F> or C<set_F> of C<quillon_event_log::IPAddr> was called
-on an empty address handle. (The record's C<set_client_ip> and C<set_dest_ip>
-accept an empty address object without error and change nothing.)
-
-=item Can't serialize message of type 'quillon_event_log::QuillonEventLog' because it is missing required fields: %s
-
-C<pack> of a record whose required fields are missing, with their names in
-place of C<%s>. The record has no required fields, so this cannot occur.
+The list getter was given more than one index.
 
 =item Usage: quillon_event_log::QuillonEventLog::METHOD(ARGS)
 
-A method was called with the wrong number of arguments. Perl's usage error
-names the method actually called and its usage text:
+A method was called with the wrong number of arguments. The text names the
+method and its arguments:
 
   CLASS, ...       new (called without any argument)
   svTHIS           DESTROY, clear, is_initialized, error_string,
                    discard_unkown_fields, debug_string, short_debug_string,
                    pack, length, fields, to_hashref, has_FIELD, clear_FIELD,
-                   the singular getters, FIELD_size
+                   the single-value getters, FIELD_size
   svTHIS, sv       copy_from, merge_from
   svTHIS, arg      unpack
   svTHIS, svVAL    set_FIELD, add_FIELD
   svTHIS, ...      anomaly_categories, anomalies (called without any argument)
 
 for example "Usage: quillon_event_log::QuillonEventLog::set_bot_name(svTHIS,
-svVAL)". The address class gives "Usage: quillon_event_log::IPAddr::new(CLASS,
-...)" and, for its other methods, "svTHIS" or "svTHIS, svVAL" likewise.
-Called as plain functions, methods with a C<"$"> or C<"$$"> prototype may be
-refused by the Perl compiler itself ("Not enough arguments for ..." or "Too
-many arguments for ...") before they run.
+svVAL)". Called as plain functions, some methods are refused by the Perl
+compiler itself ("Not enough arguments for ...", "Too many arguments for
+..."; see L</Prototypes>).
+
+=item Can't serialize message of type 'quillon_event_log::QuillonEventLog' because it is missing required fields: %s
+
+C<pack> of a record whose required fields are missing. The record has no
+required fields, so this cannot occur.
 
 =item CHECK failed: (&from) != (this):
 
-Not an exception: C<merge_from> was asked to merge a record into itself. The
-protocol-buffer runtime writes a fatal log line on standard error,
+Not an exception: C<merge_from> was asked to merge a record into itself.
+The protocol-buffer runtime writes
 
   [libprotobuf FATAL src/quillon_event_log.pb:NNNN] CHECK failed: (&from) != (this): 
 
-and the process aborts (signal SIGABRT) before anything is merged. C<eval>
-cannot catch it. Merge a copy instead:
-C<< $rec->merge_from(quillon_event_log::QuillonEventLog->new($rec->pack)) >>.
+on standard error and the process aborts (SIGABRT) before anything is
+merged. C<eval> cannot catch it. Merge a copy instead (L</merge_from>).
 
-=item String field '...' contains invalid UTF-8 data when serializing a protocol buffer.
+=item String field '...' contains invalid UTF-8 data when serializing a protocol buffer. Use the 'bytes' type if you intend to send raw bytes.
 
-=item String field '...' contains invalid UTF-8 data when parsing a protocol buffer.
+=item String field '...' contains invalid UTF-8 data when parsing a protocol buffer. Use the 'bytes' type if you intend to send raw bytes.
 
-Not an exception: log lines of the protocol-buffer runtime on standard error
-(C<[libprotobuf ERROR ...]>), written when C<pack>, C<length> or a parse
-meets a string field whose bytes are not valid UTF-8. The bytes are kept as
-they are and nothing fails.
+Not exceptions: lines of the protocol-buffer runtime, written when C<pack>,
+C<length> or a parse meets a string field whose bytes are not valid UTF-8,
+with the field's full name (such as
+C<quillon_event_log.QuillonEventLog.http_request>) in place of C<...>. By
+default they go to standard error as C<[libprotobuf ERROR ...]> lines; see
+L<quillon_event_log::RuntimeLog> to silence and count them or to get them as
+Perl warnings. The bytes are kept and nothing fails.
 
 =back
 
 Perl's own warnings (uninitialised value, "isn't numeric") appear where the
-conversions of L</CONVERSIONS> meet such values and warnings are on.
+conversions of L</MAPPING> meet such values and warnings are on.
 
 =head1 THREADS
 
-The module starts no threads and takes no locks; a record must be used by
-one thread at a time (even reading its size writes a cached size).
+The module starts no threads and takes no locks; one record must be used by
+one thread at a time (even reading its size writes a cached size). Records
+of different threads are independent.
 
-Objects of both classes are not copied into new Perl threads: both classes
-return 1 from C<CLONE_SKIP>. A thread started while records and addresses
-exist, joined or detached, sees unblessed references to C<undef> in the
+Objects of both classes are not copied into new Perl threads. A thread
+started while records exist sees unblessed references to C<undef> in the
 variables that hold objects in its parent (a method call on one dies with
 Perl's "Can't call method ... on unblessed reference"); the parent's objects
-are untouched, and every record is freed exactly once, by the thread that
-made it. The same holds for objects passed to C<< threads->create >> as
-arguments and for objects returned from a thread through C<join>. To move a
-record between threads, move its bytes:
+are untouched and every record is freed once, by the thread that made it.
+The same holds for objects passed to C<< threads->create >> and returned
+through C<join>. To move a record between threads, move its bytes:
 
   my ($bytes) = threads->create(sub { $make_record->()->pack })->join;
   my $rec = quillon_event_log::QuillonEventLog->new($bytes);
 
-Inside any thread, records are made, used and freed as usual; each thread
-keeps its own small pool of freed records and frees it when it ends.
-
 Storable's C<freeze>/C<thaw> and C<dclone> copy a record through its wire
-bytes and an address through its five fields: the copy is a new object with
-a record of its own. Do not put objects into C<threads::shared> variables
-(C<shared_clone> would copy the handle, not the record).
-
-An explicit C<< $rec->DESTROY >> frees the record and sets the handle to 0,
-so Perl's own C<DESTROY> later frees nothing twice; after it the object is an
-empty handle (see L</Method names, prototypes and empty handles>).
+bytes, so the copy is a new object with a record of its own. Do not put
+objects into C<threads::shared> variables: share the bytes or the hash
+form. The runtime log switch is per thread (L<quillon_event_log::RuntimeLog>).
 
 =head1 SECURITY
 
 The records carry what clients sent (raw requests, URIs, hosts), and the
-bytes given to C<new> and C<unpack> may be corrupt or hostile. What holds:
+bytes given to C<new>, C<unpack> and C<decode_event> may be corrupt or
+hostile. What holds:
 
 =over 4
 
 =item *
 
-No input crashes the process or reads outside its buffer: every input
-either parses (C<unpack> returns 1) or fails (0), never an exception; the
-record then holds what was read before the fault and every method works on
-it. C<pack> of a record that parsed cleanly reads back to the same record.
+No input crashes the process or reads outside its buffer: C<unpack> parses
+(returns 1) or fails (0), never dies, and the record then holds what was
+read before the fault; C<decode_event> returns a whole hash or dies.
 
 =item *
 
 Memory is bounded by the input: a length prefix larger than the input fails
-before anything is allocated for it, inputs over 64 MiB fail, nesting is
-limited to 100 levels, so a small input cannot make the module allocate much
-more than its own size.
+before anything is allocated for it, inputs over 64 MiB fail in the record
+class, nesting is limited to 100 levels.
 
 =item *
 
-Bytes are kept as they are: strings may hold zero bytes and invalid UTF-8,
-which is reported on standard error by the protocol-buffer runtime and never
-refused. Treat every string you read as untrusted bytes.
+Strings may hold zero bytes and invalid UTF-8. Treat every string you read
+as untrusted bytes (or use the codec's C<characters> option and get valid
+characters with the invalid bytes escaped).
 
 =item *
 
-Values from Perl never corrupt a record: every setter converts its value
-(numbers cut to their width, 64-bit values parsed as text), dying tied
-values and wrong argument counts leave the record as it was, and no method
-leaks memory on any of its error paths. Arguments are converted before the
-record is touched, so a tied argument whose C<FETCH> frees the very record
-of the call (by an explicit C<DESTROY>) leaves the method with an empty
-handle: it gives the empty-handle result or error, never writes into freed
-memory.
+Values from Perl never corrupt a record: every value is converted or
+refused, dying tied values and wrong argument counts leave the record as it
+was, and arguments are converted before the record is touched.
 
 =item *
 
-A handle holding 0 (after an explicit C<DESTROY>, or made by hand) never
-crashes a method: see L</Method names, prototypes and empty handles>.
-A handle holding any other number that C<new> did not put there is outside
-what the module can check: do not forge handles, and do not C<thaw>
-Storable images from untrusted sources (Storable's own advice).
+Handles cannot be forged: a reference blessed into one of the classes by
+hand is refused unless it holds 0, which is an empty handle. Storable images
+of records hold wire bytes, not addresses; still, do not C<thaw> images from
+untrusted sources (Storable's own advice).
 
 =item *
 
-Merging a record into itself ends the process by design (see
-L</DIAGNOSTICS>); it needs the same object on both sides, which input data
-cannot bring about.
+Merging a record into itself ends the process (L</DIAGNOSTICS>); it needs the
+same object on both sides, which input data cannot bring about.
 
 =back
 
+=head1 BUGS AND LIMITATIONS
+
+=over 4
+
+=item *
+
+The quirks of L</KNOWN QUIRKS OF THE RECORD CLASS> are kept for existing
+callers and will not change in this class.
+
+=item *
+
+C<merge_from> of a record into itself aborts the process.
+
+=item *
+
+Records are limited to 64 MiB when parsed by the record class, and the wire
+format itself to 2,147,483,647 bytes.
+
+=item *
+
+Unknown fields are not shown by C<to_hashref>; use the codec to see them.
+
+=back
+
+Report problems to the quillon_event_log team.
+
+=head1 IMPLEMENTATION DETAILS
+
+Nothing in this section is needed to use the module.
+
+=head2 Prototypes
+
+Methods are registered with prototypes, which matter only to calls written
+as plain function calls (method calls ignore them):
+
+  "$;@"   new, anomaly_categories, anomalies
+  "$$"    copy_from, merge_from, unpack, every set_FIELD, add_anomaly_categories,
+          add_anomalies
+  "$"     every other method
+
+Called as plain functions, methods with a C<"$"> or C<"$$"> prototype may be
+refused by the compiler ("Not enough arguments for ..." or "Too many
+arguments for ...") before they run.
+
+=head2 Registration order
+
+The 15 whole-record methods are registered first, in the order of
+L</Whole-record methods>; then the four accessors of each field, field by
+field in field-number order. One table of fields drives the accessors,
+C<fields>, C<to_hashref> and the hash form, so adding a field to the schema
+adds all of them.
+
+=head2 Handles
+
+An object is a blessed reference to a read-only scalar carrying the
+module's own mark (Perl extension magic, one per class) that holds the
+address of the record the object owns. The record is made by C<new> and
+freed by C<DESTROY>; nothing else replaces or frees it. Every value a
+method returns is a new Perl value holding a copy of the data; nothing
+returned points into a record.
+
+=head2 The record pool
+
+A freed record whose encoding is at most 16 KiB is cleared and kept, up to
+16 per thread, and the next C<new> of that thread starts from it: its
+strings, addresses and list elements are refilled in place instead of being
+allocated again. Nothing of its content survives the clearing, so this is
+invisible except in speed and in the few kilobytes the kept records hold. A
+thread frees its pool when it ends.
+
+=head2 The output stream
+
+C<pack> writes the encoding straight into the buffer of the Perl string it
+returns, without an intermediate copy.
+
+=head2 The wire reader
+
+C<new($bytes)> and C<unpack> use the module's own wire reader rather than
+the runtime's parser. Whatever the runtime's parser reads, it reads into the
+same record; in addition it keeps field number 0 as an unknown field and
+reads tags longer than five bytes as their low 32 bits. The test suite
+checks it against the runtime's parser on mutated inputs.
+
 =head1 SEE ALSO
 
-F<quillon_event_log.proto> in the distribution: the schema of the record,
-with every field's name, number and type.
+L<quillon_event_log::Codec>, L<quillon_event_log::IPAddr>,
+L<quillon_event_log::RuntimeLog>.
 
-F<README.md> and F<examples/bot_event.pl> in the distribution.
+F<quillon_event_log.proto> in the distribution: the schema, with every
+field's name, number and type. F<README.md> and F<examples/bot_event.pl>.
+
+L<JSON::XS>, L<Storable>, L<threads>, L<Encode>.
+
+=head1 AUTHOR
+
+The quillon_event_log team.
+
+=head1 LICENSE
+
+Copyright the quillon_event_log team's company. All rights reserved;
+distribution restricted. This module is proprietary and for internal use
+only; it is not free software and may not be redistributed.
 
 =cut

@@ -1,0 +1,13 @@
+# Checks the POD syntax of the four manuals.  Skipped when Test::Pod is not
+# installed (Debian package libtest-pod-perl).
+use strict;
+use warnings;
+use Test::More;
+
+eval { require Test::Pod; Test::Pod->VERSION(1.22); 1 }
+    or plan skip_all => 'Test::Pod 1.22 is not installed';
+
+Test::Pod::pod_file_ok("lib/quillon_event_log/$_.pm", "$_.pm: POD syntax")
+    for qw(QuillonEventLog IPAddr Codec RuntimeLog);
+
+done_testing;
