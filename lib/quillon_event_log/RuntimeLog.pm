@@ -73,7 +73,12 @@ The warnings belong to the category C<quillon_event_log::RuntimeLog> and
 are on by default, like Perl's default warnings: they appear without
 C<use warnings>, and are turned off in a lexical scope by C<no warnings> or
 C<no warnings 'quillon_event_log::RuntimeLog'>. C<$SIG{__WARN__}> sees them
-like any other warning.
+like any other warning. Under
+C<use warnings FATAL =E<gt> 'quillon_event_log::RuntimeLog'> the first line
+dies instead. Either way the method's own work is complete by then: a
+handler or a fatal warning that dies unwinds Perl code only, and the record
+holds everything that was read. Lines turned off by C<no warnings> are
+dropped and not counted.
 
 =item silent
 
@@ -127,6 +132,8 @@ Read once, when the module is loaded: C<stderr>, C<warn> or C<silent> sets
 the starting mode. Any other value leaves the mode at C<stderr> and warns
 
   QUILLON_EVENT_LOG_RUNTIME_LOG: unknown runtime log mode "x" (expected stderr, warn or silent); using stderr
+
+(with no " at FILE line N.": it comes while the module is loading).
 
 Calls of C<mode> later override it.
 
