@@ -972,6 +972,11 @@ of another class). The record is unchanged.
 C<set_client_ip> or C<set_dest_ip> was given an address object that was not
 made by this module. The record is unchanged.
 
+=item Modification of a read-only value attempted
+
+Perl's own text, for an assignment to the scalar behind an object
+(C<$$obj = 5>, C<$$obj++>). The object still holds its record.
+
 =item invalid class %s
 
 C<new> was called with a class name other than exactly
@@ -1163,10 +1168,18 @@ adds all of them.
 
 =head2 Handles
 
-An object is a blessed reference to a read-only scalar carrying the
-module's own mark (Perl extension magic, one per class) that holds the
-address of the record the object owns. The record is made by C<new> and
-freed by C<DESTROY>; nothing else replaces or frees it. Every value a
+An object is a blessed reference to a scalar carrying the module's own mark
+(Perl extension magic with a vtable of the module's, one per class) that
+holds the record the object owns; the scalar's integer is the record's
+address, but nothing reads it back, so a copied or made-up integer reaches
+no record. The mark's set hook refuses any write to the scalar (Perl's own
+"Modification of a read-only value attempted"); the scalar is not flagged
+read-only, because Perl's C<bless> refuses read-only referents and
+reblessing into a subclass must keep working. The record is made by C<new>
+and freed by C<DESTROY>; should an object die without its C<DESTROY> (it
+was reblessed into a class that has none), the mark's free hook frees the
+record. A copy of the scalar in a new interpreter keeps the mark but not the
+record, so it is an empty handle. Every value a
 method returns is a new Perl value holding a copy of the data; nothing
 returned points into a record.
 
