@@ -1,6 +1,8 @@
 # No Perl value leaks from any method family, on success and on every error
-# path: usage errors, type errors, and a tied argument that dies inside a
-# method.  C++ memory is checked by running the suite under valgrind.
+# path: usage errors, type errors, a tied argument that dies inside a
+# method, and handles the module did not make (forged ones croak, objects
+# reblessed out of the classes are still freed).  C++ memory is checked by
+# running the suite under valgrind.
 use strict;
 use warnings;
 use Test::More;
@@ -99,6 +101,22 @@ sub call_all {
     }
 }
 
+# Handles of a class that the module did not make: the integer of $real
+# copied, $real dumped and evaluated back, an object of the other class,
+# scalars that hold no plain 0, a hash, an array, a code ref and a glob.
+sub forged_of {
+    my ($class, $real, $other) = @_;
+    require Data::Dumper;
+    no warnings 'once';
+    my $VAR1;
+    my $dump = eval(Data::Dumper->new([$real], ['VAR1'])->Dump . '; $VAR1') or die "dump: $@";
+    return (bless(\(my $i = $$real), $class), $dump, bless($other->new, $class), bless(\(my $n = 1.5), $class),
+            bless(\(my $s = 'abc'), $class), bless(\(my $u), $class), bless({}, $class), bless([], $class),
+            bless(sub { 0 }, $class), bless(\*QelLeak::GLOB, $class));
+}
+sub forged_records   { forged_of($C, $_[0], $A) }
+sub forged_addresses { forged_of($A, $_[0], $C) }
+
 my $dies = do { tie my $t, 'Dies'; \$t };
 %cases = (%cases,
     'every record method: wrong counts, a foreign invocant' => sub { call_all($C, \@record_methods, [], \1) },
@@ -114,6 +132,31 @@ my $dies = do { tie my $t, 'Dies'; \$t };
         my $r = $C->new;
         $r->unpack($_) for "\x0a\x05ab", "\x00", "\x22\x05\x08\x01", "\x0b" x 200 . "\x0c" x 200, "\x02\x00", "\x8a\x80\x80\x80\x80\x00\x01z";
         $C->new("\x22\x03\x0b\x0b\x0b");
+    },
+    # Handles the module did not make: every method croaks (or, DESTROY,
+    # does nothing), and neither the croak nor the handle keeps anything.
+    'every record method: forged handles' => sub {
+        my $real = $C->new(\%full);
+        call_all($C, \@record_methods, $_, \'v') for forged_records($real);
+    },
+    'every address method: forged handles' => sub {
+        my $real = $A->new({ ip0 => 1 });
+        call_all($A, \@address_methods, $_, \2) for forged_addresses($real);
+    },
+    'forged sources and values' => sub {
+        my $r = $C->new(\%full);
+        for my $f (forged_records($r)) { eval { $r->copy_from($f) }; eval { $r->merge_from($f) } }
+        for my $f (forged_addresses($r->client_ip)) { eval { $r->set_client_ip($f) }; eval { $r->set_dest_ip($f) } }
+    },
+    'refused writes to a handle' => sub {
+        my $r = $C->new; my $a = $A->new;
+        for my $h ($r, $a) { eval { $$h = 5 }; eval { $$h = 'x' }; eval { ${$h}++; 1 }; eval { undef $$h } }
+    },
+    'objects reblessed into a class without DESTROY' => sub {
+        my $r = bless $C->new(\%full), 'QelLeak::NoDestroy';
+        my $a = bless $A->new({ ip0 => 1 }), 'QelLeak::NoDestroy';
+        my $x = bless $C->new(\%full)->client_ip, $C;    # an address in the record class
+        my $y = bless $C->new(\%full), $A;                # a record in the address class
     },
     'Storable copies' => sub { require Storable; my $c = Storable::dclone($C->new(\%full)); my $a = Storable::dclone($c->client_ip) },
 );

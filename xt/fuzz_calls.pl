@@ -1,7 +1,9 @@
 #!/usr/bin/perl
 # API fuzzer of quillon_event_log::QuillonEventLog and quillon_event_log::IPAddr:
 # seeded random calls of every method with random invocants, argument counts
-# and Perl values of every kind, each outcome checked against the documented
+# and Perl values of every kind (handles the module did not make among them:
+# copied integers, evaluated dumps, objects blessed across the classes,
+# blessed hashes, shared clones), each outcome checked against the documented
 # one, and a pool of objects whose invariants are checked along the way.
 # Run from the top of the built tree: perl -Mblib xt/fuzz_calls.pl --seed 1 --count 100000
 
@@ -16,6 +18,7 @@ use Scalar::Util qw(blessed reftype refaddr);
 use Hash::Util ();
 use Tie::Hash ();
 use QelTest qw($CLASS $ADDR_CLASS);
+use Data::Dumper ();
 use QelFuzz qw(seed_rng r64 rint chance pick rbytes canon parse_options finish_line
                record_problems FIELDS ADDR_FIELDS);
 use quillon_event_log::QuillonEventLog;
@@ -45,6 +48,22 @@ $| = 1;
 seed_rng($opt->{seed});
 
 # ---- helper classes ------------------------------------------------------------
+
+# shared_clone makes one of the forged handles (a copy without the mark)
+# when this perl has threads (without threads loaded first it returns its
+# argument itself).
+my $SHARED_CLONE = eval {
+    require Config;
+    die "no threads\n" unless $Config::Config{useithreads};
+    require threads;
+    require threads::shared;
+    \&threads::shared::shared_clone;
+};
+
+# The texts of handles that the module did not make.
+my %FORGED = map { $_ => "THIS is not a $_ handle made by this module" } $CLASS, $ADDR_CLASS;
+my $FORGED_SOURCE = "sv is not a $CLASS handle made by this module";
+my $FORGED_VAL    = "VAL is not a $ADDR_CLASS handle made by this module";
 
 # Subclasses: instance methods accept their objects, new refuses their names.
 @QelFuzz::SubRecord::ISA = ($CLASS);
@@ -388,6 +407,7 @@ sub any_value {
     return V(bless \(my $x = 12345), 'QelFuzz::Other') if $k == 23;
     return [\bless(\(my $s = string_value()), 'QelFuzz::Overloaded'), { desc => 'overloaded object' }] if $k == 24;
     return [\bless(\(my $d = 1), 'QelFuzz::DyingOverload'), { desc => 'object whose conversion dies', dies => $OVERLOAD_DIED }] if $k == 25;
+    return forged_value(pick($CLASS, $ADDR_CLASS))   if $k == 26 && chance(2);
     return pool_value()                             if $k <= 30;
     return record_value()                           if $k == 31;
     return address_value()                          if $k == 32;
@@ -438,6 +458,42 @@ sub address_value {
     return V(bless(\(my $z = 0), pick($ADDR_CLASS, 'QelFuzz::SubAddr')), plain => 0, desc => 'address blessed around 0');
 }
 
+# forged_value($class): a handle of $class (or of its subclass) that the
+# module did not make, as Perl code can make one: the integer of a live
+# object copied into a new blessed scalar, an object dumped by Data::Dumper
+# and evaluated back, an object of the other class blessed into $class (for
+# the record class also an address from a getter), a blessed hash, array,
+# code ref or glob, a blessed scalar holding anything but plain 0, or a
+# shared_clone. Every method croaks on it with the class's text.
+my @NOT_ZERO = (1.5, -1, 1, 'abc', '', '0.0', '00', ' 0', '0 but true', undef, 9**9**9);
+sub forged_value {
+    my $class = shift;
+    my $into = chance(4) ? ($class eq $CLASS ? 'QelFuzz::SubRecord' : 'QelFuzz::SubAddr') : $class;
+    my $other = $class eq $CLASS ? $ADDR_CLASS : $CLASS;
+    my @live = grep { my $v = ${ $POOL[$_] }; blessed $v && $v->isa($class) && $$v } 0 .. $#POOL;
+    my $real = @live ? ${ $POOL[ pick(@live) ] } : $class->new;
+    my $k = rint($SHARED_CLONE ? 9 : 8);
+    my ($v, $how);
+    if ($k == 0) { $v = bless \(my $i = ${$real}), $into; $how = 'copied integer' }
+    elsif ($k == 1) {
+        my $VAR1;
+        $v = eval(Data::Dumper->new([$real], ['VAR1'])->Dump . '; $VAR1') or die "evaluating a dump: $@";
+        bless $v, $into;
+        $how = 'dumped and evaluated';
+    }
+    elsif ($k == 2) {
+        $v = $class eq $CLASS && chance(2) ? bless($CLASS->new(random_hash_form(0))->client_ip, $into) : bless($other->new, $into);
+        $how = 'object of the other class';
+    }
+    elsif ($k == 3) { $v = bless {}, $into; $how = 'blessed hash' }
+    elsif ($k == 4) { $v = bless [], $into; $how = 'blessed array' }
+    elsif ($k == 5) { $v = bless sub { 0 }, $into; $how = 'blessed code ref' }
+    elsif ($k == 6) { no warnings 'once'; $v = bless \*QelFuzz::GLOB, $into; $how = 'blessed glob' }
+    elsif ($k == 7) { my $x = pick(@NOT_ZERO); $v = bless \$x, $into; $how = 'blessed ' . _desc($x) }
+    else { $v = bless $SHARED_CLONE->($real), $into; $how = 'shared_clone' }
+    return V($v, plain => 0, forged => 1, desc => "forged $into ($how)");
+}
+
 # pool_value(): one of the pool's objects, as the pool's own scalar;
 # pool_record() and pool_address(): one of its record or address slots (the
 # first 16 slots hold records of any state, the last 4 addresses).
@@ -467,6 +523,7 @@ sub value_for {
     return any_value() if chance(4);
     my ($op, $k) = @$m{qw(op kind)};
     if ($op eq 'set' || $op eq 'add') {
+        return forged_value($ADDR_CLASS) if $k eq 'address' && chance(8);
         return address_value() if $k eq 'address' && chance(2);
         return V(string_value()) if $k eq 'string' || $k eq 'list';
         return V(pick(number(), string_value())) if $k eq 'uint64';
@@ -475,6 +532,7 @@ sub value_for {
     return V(number()) if $op eq 'lget';
     return V(wire_bytes()) if $op eq 'unpack' || ($op eq 'new' && $m->{class} eq $CLASS && chance(2));
     if ($op eq 'copy_from' || $op eq 'merge_from') {
+        return forged_value(chance(4) ? $ADDR_CLASS : $CLASS) if chance(8);
         return chance(2) ? pool_value() : hash_arg();
     }
     return $m->{class} eq $CLASS ? hash_arg() : addr_hash_arg() if $op eq 'new';
@@ -485,13 +543,19 @@ sub value_for {
 
 # The kind of a value as the module's type tests see it: 'record' or
 # 'address' (an object of the class or a subclass, with 'live' telling
-# whether its handle holds an object), 'hash', or 'other'.
+# whether its handle holds an object), 'forged record' or 'forged address'
+# (an object of the class that the module did not make: whatever its
+# referent, the type test passes and reading it croaks), 'hash', or 'other'.
 sub seen_as {
     my $x = shift;
     my $info = $x->[1];
     return ('other') if $info->{magic};
     my $v = ${ $x->[0] };
     return ('other') unless ref $v;
+    if ($info->{forged}) {
+        return ('forged record') if $v->isa($CLASS);
+        return ('forged address') if $v->isa($ADDR_CLASS);
+    }
     if (blessed $v && reftype $v eq 'SCALAR') {
         return ('record', $$v != 0) if $v->isa($CLASS);
         return ('address', $$v != 0) if $v->isa($ADDR_CLASS);
@@ -528,6 +592,7 @@ sub expect {
     my @dies = map { $_->[1]{dies} ? $_->[1]{dies} : () } @x;
     my ($seen, $live) = seen_as($x[0]);
     my $own = $seen eq ($is_rec ? 'record' : 'address');
+    my $forged = $seen eq ($is_rec ? 'forged record' : 'forged address');
 
     if ($op eq 'new') {
         my $text = class_text($x[0]);
@@ -547,16 +612,21 @@ sub expect {
     if ($op eq 'set' && ($k ne 'string' && $k ne 'address')) {
         # Numbers and flags convert the value first.
         return ($x[1][1]{dies}) if $x[1][1]{dies};
+        return ($FORGED{$class}) if $forged;
         return ($not_type) unless $own;
         return ($empty) unless $live;
         return ('');
     }
+    # A forged invocant croaks where the handle is first read: before any
+    # other argument is looked at (DESTROY leaves it alone, quietly).
+    return ($op eq 'DESTROY' ? '' : $FORGED{$class}) if $forged;
     return ($not_type) unless $own;
     if ($op eq 'set' || $op eq 'add') {
         if ($k eq 'address') {
             return ($empty) unless $live;
             return ($x[1][1]{dies}) if $x[1][1]{magic} && $x[1][1]{dies};    # a tied VAL is fetched once
             my ($vseen) = seen_as($x[1]);
+            return ($FORGED_VAL) if $vseen eq 'forged address';
             return ("VAL is not of type $ADDR_CLASS") unless $vseen eq 'address';
             return ('');
         }
@@ -575,7 +645,9 @@ sub expect {
     if ($op eq 'copy_from' || $op eq 'merge_from') {
         return ($x[1][1]{dies}) if $x[1][1]{magic} && $x[1][1]{dies};    # a tied source is fetched once
         my ($vseen) = seen_as($x[1]);
-        return hash_outcomes($x[1], 'record') if $vseen eq 'hash';
+        return ($FORGED_SOURCE) if $vseen eq 'forged record';
+        # A hash blessed into the address class is no record: a hash source.
+        return hash_outcomes($x[1], 'record') if $vseen eq 'hash' || ($vseen eq 'forged address' && reftype ${ $x[1][0] } eq 'HASH');
         return ('');
     }
     return ('');
@@ -683,6 +755,16 @@ sub describe_call {
     return "$m->{class}::$m->{name}(" . join(', ', @d) . ") [$style, $ctx context]";
 }
 
+# pool_state(): the contents of every object of the pool, as one text.
+sub pool_state {
+    return join "\n", map {
+        my $v = ${ $POOL[$_] };
+        !(blessed $v && reftype $v eq 'SCALAR') ? 'none'
+            : $v->isa($CLASS) ? ($$v ? unpack('H*', $v->pack) : 'empty')
+            : $v->isa($ADDR_CLASS) ? ($$v ? canon($v->to_hashref) : 'empty') : 'other';
+    } 0 .. $#POOL;
+}
+
 sub is_empty_record {
     my $x = shift;
     my ($seen, $live) = seen_as($x);
@@ -711,6 +793,7 @@ sub one_call {
         $this = $k <= 6 ? ($class eq $CLASS ? pool_record() : pool_address())
               : $k == 7 ? ($class eq $CLASS ? record_value() : address_value())
               : $k == 8 ? pool_value()
+              : chance(2) ? forged_value(chance(4) ? ($class eq $CLASS ? $ADDR_CLASS : $CLASS) : $class)
               : any_value();
     }
 
@@ -733,7 +816,7 @@ sub one_call {
     # The call: as a method when the invocant is of the class, else as a
     # plain function; in list, scalar or void context.
     my ($seen) = @x ? seen_as($this) : ('none');
-    my $method_style = @x && (($seen eq 'record' && $class eq $CLASS) || ($seen eq 'address' && $class eq $ADDR_CLASS)
+    my $method_style = @x && (($seen =~ /record\z/ && $class eq $CLASS) || ($seen =~ /address\z/ && $class eq $ADDR_CLASS)
         || (($op eq 'new' || $op eq 'fields') && !$this->[1]{magic} && defined ${ $this->[0] } && !ref ${ $this->[0] }
             && ${ $this->[0] } eq $class));
     $method_style = 0 if chance(5);
@@ -745,6 +828,7 @@ sub one_call {
 
     my @expected = expect($m, @x);
     my $before = pre_state($m, @x);
+    my $pool_before = (grep { $_->[1]{forged} } @x) ? pool_state() : undef;
 
     my (@ret, $ret, $err);
     $CALLS++;
@@ -785,6 +869,11 @@ sub one_call {
         problem(describe_call($m, $style, $ctx, @x) . "\n  ended in " . (defined $err ? "'$err'" : 'a return')
             . ', expected ' . join(' or ', map { ref $_ ? "$_" : $_ eq '' ? 'a return' : "'$_'" } @expected));
         return;
+    }
+    if (defined $pool_before && !$REENTERED && grep { $got eq $_ } values(%FORGED), $FORGED_SOURCE, $FORGED_VAL) {
+        # Refused for a forged handle: no object of the pool was touched.
+        $CHECKS++;
+        problem(describe_call($m, $style, $ctx, @x) . ": the pool's objects changed") if pool_state() ne $pool_before;
     }
     return if defined $err || $REENTERED;
     post_check($m, $ctx, \@ret, $ret, $before, @x);
