@@ -95,7 +95,8 @@ template <class Msg> int free_marked(pTHX_ SV *, MAGIC *mg) {
 }
 
 // `$$obj = 5`, `$$obj++`: the value is put back and the write refused with
-// Perl's own read-only message.
+// Perl's own read-only message.  bless runs the set magic too (for every ext
+// magic), and that one is let through.
 int refuse_write(pTHX_ SV *referent, MAGIC *mg);
 
 // A copy of the scalar in a new interpreter (a thread started while an object
@@ -193,10 +194,15 @@ template <class Msg> inline SV *make_handle(pTHX_ HV *stash, Msg *m) {
     SV *handle = newSV(0);
     SV *referent = newSVrv(handle, nullptr);
     sv_setiv(referent, PTR2IV(m));
+    sv_bless(handle, stash);
     MAGIC *mg = sv_magicext(referent, nullptr, PERL_MAGIC_ext, &Mark<Msg>::vtbl,
                             reinterpret_cast<const char *>(m), 0);
     mg->mg_flags |= MGf_DUP;
-    return sv_bless(handle, stash);
+    // Marks the scalar as one to think twice about before changing: Perl's
+    // fast path for a postfix ++ whose value is used skips set magic, but
+    // not on such a scalar.
+    SvRMAGICAL_on(referent);
+    return handle;
 }
 
 // The same, mortal: a constructor that dies while filling `m` frees it.

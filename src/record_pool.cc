@@ -39,13 +39,12 @@ void free_record(Record *m) {
     pool.records[pool.count++] = m;
 }
 
-// bless runs the set magic too (for every ext magic), so a scalar that still
-// holds its address is left alone; only a changed value is a write.
+// Perl's bless runs the set magic of every ext magic; that is the one call
+// that is not a write.  Everything else puts the address back and refuses.
 int refuse_write(pTHX_ SV *referent, MAGIC *mg) {
-    const IV address = PTR2IV(mg->mg_ptr);
-    if (SvIOK(referent) && !SvROK(referent) && SvIVX(referent) == address)
+    if (PL_op && PL_op->op_type == OP_BLESS)
         return 0;
-    sv_setiv(referent, address);
+    sv_setiv(referent, PTR2IV(mg->mg_ptr));
     croak_no_modify();
 }
 
