@@ -56,19 +56,32 @@ template <class Ops, class Msg> SV *field_value(pTHX_ CV *cv, const Msg &m) {
     return value_to_sv(aTHX_ field_ops<Ops>(cv).get(m));
 }
 
+// A plain string's bytes, read without running any Perl code; null when
+// reading VAL needs its get-magic or a conversion (which may run FETCH or an
+// overload, and those may free the record).
+inline const char *string_arg(pTHX_ SV *val, STRLEN &len) {
+    if (!SvPOK_nog(val))
+        return nullptr;
+    len = SvCUR(val);
+    return SvPVX(val);
+}
+
 // String setters check THIS before touching VAL; the number and flag setters
 // convert VAL first, so a tied VAL is fetched even when THIS is wrong.  Both
-// orders are intended.  The address is read after VAL's conversion in either
-// case, since converting VAL may run Perl code.
+// orders are intended.  The message is read after VAL's conversion whenever
+// that conversion may run Perl code.
 template <class Msg> XS_INTERNAL(xs_string_set) {
     dXSARGS;
     if (items != 2)
         croak_xs_usage(cv, "svTHIS, svVAL");
-    message_from_handle<Msg>(aTHX_ ST(0));
+    Msg *m = message_from_handle<Msg>(aTHX_ ST(0));
     STRLEN len;
-    const char *bytes = SvPV(ST(1), len);
-    Msg &m = live_message_from_handle<Msg>(aTHX_ ST(0));
-    field_ops<StringField<Msg>>(cv).mut(m)->assign(bytes, len);
+    const char *bytes = string_arg(aTHX_ ST(1), len);
+    if (!bytes)  // VAL ran Perl code: the message may be gone
+        bytes = SvPV(ST(1), len), m = message_from_handle<Msg>(aTHX_ ST(0));
+    if (!m)
+        croak("%s", Binding<Msg>::kEmpty);
+    field_ops<StringField<Msg>>(cv).mut(*m)->assign(bytes, len);
     XSRETURN_EMPTY;
 }
 
@@ -164,11 +177,14 @@ XS_INTERNAL(xs_list_add) {
     dXSARGS;
     if (items != 2)
         croak_xs_usage(cv, "svTHIS, svVAL");
-    record_from_handle(aTHX_ ST(0));
+    Record *m = record_from_handle(aTHX_ ST(0));
     STRLEN len;
-    const char *bytes = SvPV(ST(1), len);
-    Record &m = live_message_from_handle<Record>(aTHX_ ST(0));
-    field_ops<StringListField>(cv).add(m)->assign(bytes, len);
+    const char *bytes = string_arg(aTHX_ ST(1), len);
+    if (!bytes)  // VAL ran Perl code: the record may be gone
+        bytes = SvPV(ST(1), len), m = record_from_handle(aTHX_ ST(0));
+    if (!m)
+        croak("%s", kEmptyRecord);
+    field_ops<StringListField>(cv).add(*m)->assign(bytes, len);
     XSRETURN_EMPTY;
 }
 
