@@ -12,11 +12,6 @@
 namespace qel {
 namespace {
 
-// The texts of from_string's refusals.  Perl appends " at FILE line N.".
-constexpr char kInvalidAddressText[] = "invalid address text \"%s\"";
-constexpr char kInvalidAddressTextUndef[] = "invalid address text (undef)";
-constexpr char kInvalidAddressTextRef[] = "invalid address text (a reference)";
-
 // How much of a refused text its message shows: this many bytes, each
 // outside 0x20..0x7E as \xHH, then "..." when the text was longer.
 constexpr size_t kShownTextMax = 64;

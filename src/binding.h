@@ -44,6 +44,11 @@ constexpr char kForgedAddress[] = "THIS is not a quillon_event_log::IPAddr handl
 constexpr char kForgedSource[] = "sv is not a quillon_event_log::QuillonEventLog handle made by this module";
 constexpr char kForgedValAddress[] = "VAL is not a quillon_event_log::IPAddr handle made by this module";
 
+// from_string's refusals.
+constexpr char kInvalidAddressText[] = "invalid address text \"%s\"";
+constexpr char kInvalidAddressTextUndef[] = "invalid address text (undef)";
+constexpr char kInvalidAddressTextRef[] = "invalid address text (a reference)";
+
 // Ties a C++ message type to its Perl class and its error texts, so the
 // family XSUBs and the handle helpers serve records and addresses alike.
 template <class Msg> struct Binding;
