@@ -161,11 +161,17 @@ such as C<"203.0.113.45">, C<"0.0.0.0"> or C<"255.255.255.255">.
 
 Otherwise: the IPv6 address whose 128 bits are C<ip0:ip1:ip2:ip3>, in the
 usual short form (lower case, leading zeros of each group left out, the
-longest run of zero groups written C<::>): C<"2001:db8::1">, C<"::1">.
+longest run of zero groups written C<::>): C<"2001:db8::1">, C<"fe80::1">.
 Addresses of the IPv4-mapped range C<::ffff:0:0/96> are written with their
 last 32 bits in dotted form: C<"::ffff:203.0.113.45">. (This is not the same
 address as C<"203.0.113.45">, whose C<ip2> is 0, so the text always reads
 back to the same words.)
+
+So IPv6 addresses whose first 96 bits are zero come out in the IPv4 form:
+C<::1> is written C<"0.0.0.1"> and C<::> is written C<"0.0.0.0">. Both
+forms read back to the same five numbers, so nothing is lost; the
+records of the traffic processor keep IPv4 in C<ip3> with the other three
+words zero, and that is the form this text serves.
 
 =item *
 
