@@ -101,8 +101,9 @@ XS_INTERNAL(xs_new) {
     SV *cls = ST(0);
     HV *stash = SvROK(cls) && SvOBJECT(SvRV(cls)) ? SvSTASH(SvRV(cls)) : gv_stashsv(cls, GV_ADD);
     SV *bits_sv = newSVuv(bits);
-    SvREADONLY_on(bits_sv);
-    ST(0) = sv_2mortal(sv_bless(newRV_noinc(bits_sv), stash));
+    SV *self = sv_2mortal(sv_bless(newRV_noinc(bits_sv), stash));
+    SvREADONLY_on(bits_sv);  // after blessing, which refuses a read-only referent
+    ST(0) = self;
     XSRETURN(1);
 }
 
