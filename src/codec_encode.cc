@@ -583,7 +583,7 @@ void put_address(pTHX_ Enc &enc, const Field &f, SV *v) {
     const Text t = text_of(aTHX_ v);
     AddressWords words;
     if (!parse_address_text(t.s, t.len, words))
-        croak(kInvalidAddressText, f.name, display_value(aTHX_ v, 64));
+        croak(kFieldInvalidAddressText, f.name, display_value(aTHX_ v, 64));
     const Level &level = *address_level;
     Out &o = enc.out;
     reserve(aTHX_ o, f.tag_len + 1 + kAddressFieldCount * 10);
