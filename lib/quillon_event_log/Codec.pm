@@ -280,9 +280,9 @@ surrogates, nothing above U+10FFFF.
 =item *
 
 A string field that is not valid UTF-8 decodes too: each byte of an invalid
-sequence becomes the character U+DC80 plus the byte (U+DC80 to U+DCFF, a
-lone surrogate, known as a surrogate escape); the valid parts become their
-characters.
+sequence becomes the character U+DC00 plus the byte, so the bytes 0x80 to
+0xFF become U+DC80 to U+DCFF (lone surrogates, known as surrogate escapes);
+the valid parts become their characters.
 
 =item *
 
@@ -449,8 +449,8 @@ The argument has a character above 0xFF: bytes were expected.
 
 =item malformed record at byte N: REASON
 
-N is the offset of the start of the faulty item (tag or length) and REASON
-one of:
+N is the offset of the item that could not be read: the tag, the length that
+runs past the end, or the value that is cut short. REASON is one of:
 
   truncated varint
   varint longer than 10 bytes
