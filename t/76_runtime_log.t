@@ -135,6 +135,38 @@ ok exists $warnings::Offsets{$LOG}, 'the warnings category is registered';
     is $made, undef, 'a dying __WARN__ handler in new: no object comes back';
 }
 
+# ---- the codec reports through the same switch ---------------------------------------------
+
+{
+    require quillon_event_log::Codec;
+    $mode->('warn');
+    my @warnings;
+    local $SIG{__WARN__} = sub { push @warnings, $_[0] };
+    my $h = quillon_event_log::Codec::decode_event($BAD); my $line = __LINE__;
+    my $b = quillon_event_log::Codec::encode_event($h); my $line2 = __LINE__;
+    is_deeply \@warnings, [ utf8_text('bot_name', 'parsing') . " at " . __FILE__ . " line $line.\n",
+                            utf8_text('bot_name', 'serializing') . " at " . __FILE__ . " line $line2.\n" ],
+        'codec: decode and encode warn in warn mode, naming the field';
+    is $b, $BAD, 'codec: the bytes round-trip as they stand';
+    @warnings = ();
+    my $err = do {
+        local $SIG{__WARN__} = sub { die "handler\n" };
+        eval { quillon_event_log::Codec::decode_event($BAD); 1 } ? '' : $@;
+    };
+    is $err, "handler\n", 'codec: a dying __WARN__ handler reaches the caller';
+    my $again = quillon_event_log::Codec::decode_event("\x0a\x01a");
+    is_deeply [ $again, \@warnings ], [ { bot_name => 'a' }, [] ], 'codec: and leaves nothing queued';
+    $mode->('silent');
+    $reset->();
+    $h = quillon_event_log::Codec::decode_event($BAD);
+    $b = quillon_event_log::Codec::encode_event($h);
+    is $silenced->(), 2, 'codec: silent mode counts its lines';
+    is_deeply \@warnings, [], 'codec: silent mode raises nothing';
+    eval { quillon_event_log::Codec::decode_event("\x0a\x05\xff") };
+    is $silenced->(), 2, 'codec: a refused input reports nothing';
+    $mode->('stderr');
+}
+
 # ---- silent --------------------------------------------------------------------------------
 
 {
