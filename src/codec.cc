@@ -35,37 +35,29 @@ bool is_string(pTHX_ SV *sv, const char *text) {
     return len == std::strlen(text) && std::memcmp(s, text, len) == 0;
 }
 
-XS_INTERNAL(xs_encode_event) {
+// encode_event, decode_event, encode and decode: the work, and whether a codec
+// object comes first (else the default options); the CV carries its usage.
+template <SV *(*work)(pTHX_ SV *, unsigned), bool kMethod> XS_INTERNAL(xs_convert) {
     dXSARGS;
-    if (items != 1)
-        croak_xs_usage(cv, "hashref");
-    ST(0) = encode_hash(aTHX_ ST(0), 0);
+    if (items != (kMethod ? 2 : 1))
+        croak_xs_usage(cv, static_cast<const char *>(CvXSUBANY(cv).any_ptr));
+    const unsigned options = kMethod ? options_of(aTHX_ ST(0)) : 0;
+    ST(0) = work(aTHX_ ST(items - 1), options);
     XSRETURN(1);
 }
 
-XS_INTERNAL(xs_decode_event) {
-    dXSARGS;
-    if (items != 1)
-        croak_xs_usage(cv, "bytes");
-    ST(0) = decode_bytes(aTHX_ ST(0), 0);
-    XSRETURN(1);
-}
+struct Entry {
+    const char *name;
+    XSUBADDR_t xsub;
+    const char *usage;
+};
 
-XS_INTERNAL(xs_encode) {
-    dXSARGS;
-    if (items != 2)
-        croak_xs_usage(cv, "self, hashref");
-    ST(0) = encode_hash(aTHX_ ST(1), options_of(aTHX_ ST(0)));
-    XSRETURN(1);
-}
-
-XS_INTERNAL(xs_decode) {
-    dXSARGS;
-    if (items != 2)
-        croak_xs_usage(cv, "self, bytes");
-    ST(0) = decode_bytes(aTHX_ ST(1), options_of(aTHX_ ST(0)));
-    XSRETURN(1);
-}
+constexpr Entry kEntries[] = {
+    {"quillon_event_log::Codec::encode_event", xs_convert<encode_hash, false>, "hashref"},
+    {"quillon_event_log::Codec::decode_event", xs_convert<decode_bytes, false>, "bytes"},
+    {"quillon_event_log::Codec::encode", xs_convert<encode_hash, true>, "self, hashref"},
+    {"quillon_event_log::Codec::decode", xs_convert<decode_bytes, true>, "self, bytes"},
+};
 
 // new(CLASS, name => value, ...): later pairs win over earlier ones.
 XS_INTERNAL(xs_new) {
@@ -128,11 +120,9 @@ void register_codec(pTHX_ const char *file) {
     init_codec_tables(aTHX);
     // No prototypes: the functions take their one argument like any sub, so
     // a wrong count reaches the usage message.
-    newXS_flags("quillon_event_log::Codec::encode_event", xs_encode_event, file, nullptr, 0);
-    newXS_flags("quillon_event_log::Codec::decode_event", xs_decode_event, file, nullptr, 0);
+    for (const Entry &e : kEntries)
+        CvXSUBANY(newXS_flags(e.name, e.xsub, file, nullptr, 0)).any_ptr = const_cast<char *>(e.usage);
     newXS_flags("quillon_event_log::Codec::new", xs_new, file, nullptr, 0);
-    newXS_flags("quillon_event_log::Codec::encode", xs_encode, file, nullptr, 0);
-    newXS_flags("quillon_event_log::Codec::decode", xs_decode, file, nullptr, 0);
     newXS_flags("quillon_event_log::Codec::characters", xs_option<Accessor::Characters>, file, nullptr, 0);
     newXS_flags("quillon_event_log::Codec::addresses", xs_option<Accessor::Addresses>, file, nullptr, 0);
     newXS_flags("quillon_event_log::Codec::unknown_fields", xs_option<Accessor::UnknownFields>, file, nullptr, 0);
