@@ -10,10 +10,11 @@
 #include "families.h"
 
 namespace qel {
-namespace {
 
 U32 record_key_hash[kRecordFieldCount];
 U32 address_key_hash[kAddressFieldCount];
+
+namespace {
 
 template <class Msg, size_t N> void hash_keys(const FieldInfo<Msg> (&fields)[N], U32 (&out)[N]) {
     for (size_t i = 0; i < N; ++i)
@@ -22,30 +23,6 @@ template <class Msg, size_t N> void hash_keys(const FieldInfo<Msg> (&fields)[N],
 
 inline void store(pTHX_ HV *hv, const char *key, size_t len, U32 hash, SV *value) {
     hv_store(hv, key, static_cast<I32>(len), value, hash);
-}
-
-// A plain hash (no magic, not restricted) is read by walking the key's bucket
-// with the precomputed hash, which is what hv_fetch does for it, minus its
-// generality.  A tied hash answers every fetch with a proxy and a restricted
-// one dies on a key it does not allow, so for those (and any other magical
-// hash) the key's existence is asked first (a tied hash's EXISTS), then the
-// value fetched.  Either way a lookup only reads: no key is ever added.
-inline SV *fetch(pTHX_ HV *hv, const char *key, size_t len, U32 hash) {
-    if (SvMAGICAL(hv) || SvREADONLY(hv)) {
-        const auto klen = static_cast<I32>(len);
-        if (!hv_common_key_len(hv, key, klen, HV_FETCH_ISEXISTS, nullptr, hash))
-            return nullptr;
-        SV **svp = static_cast<SV **>(hv_common_key_len(hv, key, klen, HV_FETCH_JUST_SV, nullptr, hash));
-        return svp ? *svp : nullptr;
-    }
-    if (!HvARRAY(hv))
-        return nullptr;
-    for (HE *he = HvARRAY(hv)[hash & HvMAX(hv)]; he; he = HeNEXT(he)) {
-        if (HeHASH(he) == hash && HeKLEN(he) == static_cast<I32>(len) && !HeKUTF8(he) &&
-            std::memcmp(HeKEY(he), key, len) == 0)
-            return HeVAL(he) == &PL_sv_placeholder ? nullptr : HeVAL(he);
-    }
-    return nullptr;
 }
 
 SV *list_to_sv(pTHX_ const StringListField &f, const Record &m, int count) {
@@ -151,7 +128,7 @@ HV *record_to_hash(pTHX_ const Record &m) {
 void fill_address(pTHX_ Address &a, HV *hv) {
     for (size_t i = 0; i < kAddressFieldCount; ++i) {
         const auto &fi = kAddressFields[i];
-        if (SV *value = fetch(aTHX_ hv, fi.name, fi.len, address_key_hash[i]))
+        if (SV *value = fetch_key(aTHX_ hv, fi.name, fi.len, address_key_hash[i]))
             set_value<UInt32Field<Address>>(aTHX_ fi, a, fetched_once(aTHX_ value));
     }
 }
@@ -159,7 +136,7 @@ void fill_address(pTHX_ Address &a, HV *hv) {
 void fill_record(pTHX_ Record &m, HV *hv) {
     for (size_t i = 0; i < kRecordFieldCount; ++i) {
         const auto &fi = kRecordFields[i];
-        SV *value = fetch(aTHX_ hv, fi.name, fi.len, record_key_hash[i]);
+        SV *value = fetch_key(aTHX_ hv, fi.name, fi.len, record_key_hash[i]);
         if (!value)
             continue;
         value = fetched_once(aTHX_ value);

@@ -3,6 +3,8 @@
 #ifndef QEL_HASH_FORM_H
 #define QEL_HASH_FORM_H
 
+#include <cstring>
+
 #include "binding.h"
 
 namespace qel {
@@ -10,6 +12,35 @@ namespace qel {
 // Computes the hash values of every key once per process (they depend only on
 // the process-wide hash seed); called from the boot.
 void init_hash_keys(pTHX);
+
+// Those hash values, by position in kRecordFields / kAddressFields; the codec
+// reads them too.
+extern U32 record_key_hash[kRecordFieldCount];
+extern U32 address_key_hash[kAddressFieldCount];
+
+// A plain hash (no magic, not restricted) is read by walking the key's bucket
+// with the precomputed hash, which is what hv_fetch does for it, minus its
+// generality.  A tied hash answers every fetch with a proxy and a restricted
+// one dies on a key it does not allow, so for those (and any other magical
+// hash) the key's existence is asked first (a tied hash's EXISTS), then the
+// value fetched.  Either way a lookup only reads: no key is ever added.
+inline SV *fetch_key(pTHX_ HV *hv, const char *key, size_t len, U32 hash) {
+    if (SvMAGICAL(hv) || SvREADONLY(hv)) {
+        const auto klen = static_cast<I32>(len);
+        if (!hv_common_key_len(hv, key, klen, HV_FETCH_ISEXISTS, nullptr, hash))
+            return nullptr;
+        SV **svp = static_cast<SV **>(hv_common_key_len(hv, key, klen, HV_FETCH_JUST_SV, nullptr, hash));
+        return svp ? *svp : nullptr;
+    }
+    if (!HvARRAY(hv))
+        return nullptr;
+    for (HE *he = HvARRAY(hv)[hash & HvMAX(hv)]; he; he = HeNEXT(he)) {
+        if (HeHASH(he) == hash && HeKLEN(he) == static_cast<I32>(len) && !HeKUTF8(he) &&
+            std::memcmp(HeKEY(he), key, len) == 0)
+            return HeVAL(he) == &PL_sv_placeholder ? nullptr : HeVAL(he);
+    }
+    return nullptr;
+}
 
 // A new hash holding every present field of `m` (refcount 1, owned by the caller).
 HV *record_to_hash(pTHX_ const Record &m);
