@@ -594,9 +594,10 @@ my %DEFAULTS = (characters => 0, addresses => 'hash', unknown_fields => 'keep');
 
 # The reasons a malformed record may be refused for.
 my $F = qr/[0-9]+(?: \([a-z0-9_]+\))?(?: in [a-z_]+)?/;
-my $REASON = qr/truncated varint|varint longer than 10 bytes|field number 0|tag longer than 5 bytes|wire type [67]
-               |length of field $F runs past the end|truncated fixed(?:32|64) in field $F
-               |end-group tag of field $F without a start|group of field $F is not closed|nesting deeper than 100 levels/x;
+my $REASON = join '|', 'truncated varint', 'varint longer than 10 bytes', 'field number 0', 'tag longer than 5 bytes',
+    'wire type [67]', "length of field $F runs past the end", "truncated fixed(?:32|64) in field $F",
+    "end-group tag of field $F without a start", "group of field $F is not closed", 'nesting deeper than 100 levels';
+$REASON = qr/$REASON/;
 
 my %CODEC_COUNT = (decoded => 0, refused => 0, 'refused by the codec only' => 0);
 
@@ -645,6 +646,26 @@ sub form_problems {
         }
     }
     return @p;
+}
+
+# repeats($bytes): whether whole wire data holds a singular known field or an
+# address more than once at the top level.
+sub repeats {
+    my %n;
+    for my $it (field_items($_[0])) {
+        next unless $it->[4] && $QelCodec::RECORD_KIND{ QelCodec::RECORD_LEVEL()->{ $it->[2] }[0] } ne 'list';
+        return 1 if $n{ $it->[2] }++;
+    }
+    return 0;
+}
+
+# unpositioned($hash): a copy with the positions of the `_unknown` entries
+# left out.
+sub unpositioned {
+    my $v = shift;
+    return [ map { my $e = $_; $e =~ s/\A[0-9]+://; $e } @$v ] if ref $v eq 'ARRAY' && @$v && !ref $v->[0] && $v->[0] =~ /\A[0-9]+:/;
+    return { map { ($_ => unpositioned($v->{$_})) } keys %$v } if ref $v eq 'HASH';
+    return $v;
 }
 
 # decode_with($codec, $bytes): (hash) or (undef, error).
@@ -721,7 +742,12 @@ sub check_codec {
         push @p, "$what: the encoding has the UTF-8 flag" if utf8::is_utf8($e);
         my ($h2, $err2) = decode_with($c, $e);
         if (defined $err2) { push @p, "$what: decoding its own encoding died: $err2"; next }
-        push @p, "$what: decode(encode(decode(\$bytes))) differs from decode(\$bytes)" if canon($h2) ne canon($h);
+        # POS counts the known values of the input: after a repeated singular
+        # field or address, the re-encoding has fewer, so the positions of
+        # the runs may move (on purpose: the runs and their order stay).
+        my $moved = $big || repeats($bytes);
+        push @p, "$what: decode(encode(decode(\$bytes))) differs from decode(\$bytes)"
+            if canon($moved ? unpositioned($h2) : $h2) ne canon($moved ? unpositioned($h) : $h);
         my $cls_pack = $cls->pack;
         if ($o->{unknown_fields} eq 'keep') {
             push @p, "$what: the record class packs the re-encoding unlike the input"
@@ -751,11 +777,8 @@ sub check_codec {
     my ($at, $reason) = $o[0] =~ /\A([0-9]+): (.*)\z/s or return ('refused', @p);
     my $documented = $reason eq 'field number 0' || $reason eq 'tag longer than 5 bytes';
     if ($reason =~ /\Alength of field /) {
-        # The length's varint is at $at or right after the tag there.
-        for my $start ($at, (QelCodec::read_varint($bytes, $at, length $bytes, 5))[1]) {
-            my ($len) = defined $start ? QelCodec::read_varint($bytes, $start, length $bytes, 10) : ();
-            $documented = 1 if defined $len && $len >= 4294967296;
-        }
+        my ($len) = QelCodec::read_varint($bytes, $at, length $bytes, 10);
+        $documented = 1 if defined $len && $len >= 4294967296;
     }
     push @p, "the record class reads the data, the codec refuses it ($o[0]), which the class should refuse too"
         unless $documented;

@@ -70,8 +70,11 @@ sub _field_text {
 
 # wire_faults($bytes [, $level, $ctx]): the first fault of the data read as
 # the fields of $level (default the record's; ADDRESS_LEVEL inside the address
-# named $ctx), as a list of the [offset, reason] pairs the documented rules
-# allow for it; the empty list when the data is whole.
+# named $ctx) as [offset, reason] (in a list, empty when the data is whole).
+# The offset is that of the faulty item: the tag for a bad tag, an end tag or
+# a group that is not closed; the varint, length or fixed-size value that is
+# cut off or runs past the end; a tag of field number 0 is that fault whatever
+# its wire type.
 sub wire_faults {
     my ($b, $level, $ctx) = @_;
     my @c;
@@ -94,15 +97,14 @@ sub _fields {
         if ($tag > 0xFFFFFFFF) { push @$c, [$at, 'tag longer than 5 bytes']; return undef }
         my ($num, $wt) = ($tag >> 3, $tag & 7);
         if ($num == 0 || $wt >= 6) {
-            push @$c, [$at, 'field number 0'] if $num == 0;
-            push @$c, [$at, "wire type $wt"] if $wt >= 6;
+            push @$c, [$at, $num == 0 ? 'field number 0' : "wire type $wt"];
             return undef;
         }
         my $ft = _field_text($num, $level, $ctx);
         if ($wt == 4) {
             return $q if $group && $num == $group->[0];
+            # (an end tag of another group than the open one, too)
             push @$c, [$at, "end-group tag of field $ft without a start"];
-            push @$c, [$group->[2], "group of field $group->[1] is not closed"] if $group;
             return undef;
         }
         if ($wt == 0) {
@@ -117,7 +119,7 @@ sub _fields {
             my $size = $wt == 1 ? 8 : 4;
             if ($end - $q < $size) {
                 my $what = $wt == 1 ? 'fixed64' : 'fixed32';
-                push @$c, [$at, "truncated $what in field $ft"], [$q, "truncated $what in field $ft"];
+                push @$c, [$q, "truncated $what in field $ft"];
                 return undef;
             }
             $p = $q + $size;
@@ -129,7 +131,7 @@ sub _fields {
                 return undef;
             }
             if ($len > $end - $r) {
-                push @$c, [$at, "length of field $ft runs past the end"], [$q, "length of field $ft runs past the end"];
+                push @$c, [$q, "length of field $ft runs past the end"];
                 return undef;
             }
             if ($level == \%RECORD_LEVEL && $ADDRESS_NAME_OF{$num} && !$group) {
