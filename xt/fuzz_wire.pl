@@ -649,23 +649,32 @@ sub form_problems {
 }
 
 # repeats($bytes): whether whole wire data holds a singular known field or an
-# address more than once at the top level.
+# address more than once, or an address holds one of its fields more than once.
 sub repeats {
     my %n;
     for my $it (field_items($_[0])) {
         next unless $it->[4] && $QelCodec::RECORD_KIND{ QelCodec::RECORD_LEVEL()->{ $it->[2] }[0] } ne 'list';
         return 1 if $n{ $it->[2] }++;
+        next unless ADDRESS_NAME_OF->{ $it->[2] };
+        my %w;
+        for my $in (field_items(substr($_[0], $it->[5], $it->[1] - $it->[5]), ADDRESS_LEVEL)) {
+            return 1 if $in->[4] && $w{ $in->[2] }++;
+        }
     }
     return 0;
 }
 
-# unpositioned($hash): a copy with the positions of the `_unknown` entries
-# left out.
+# unpositioned($hash): a copy with the `_unknown` entries of each level as
+# one string of all their wire bytes, without positions (runs that meet when
+# positions move become one).
 sub unpositioned {
     my $v = shift;
-    return [ map { my $e = $_; $e =~ s/\A[0-9]+://; $e } @$v ] if ref $v eq 'ARRAY' && @$v && !ref $v->[0] && $v->[0] =~ /\A[0-9]+:/;
-    return { map { ($_ => unpositioned($v->{$_})) } keys %$v } if ref $v eq 'HASH';
-    return $v;
+    return $v unless ref $v eq 'HASH';
+    return { map {
+        ($_ => $_ eq '_unknown' && ref $v->{$_} eq 'ARRAY'
+            ? join('', map { my $e = $_; $e =~ s/\A[0-9]+://; $e } @{ $v->{$_} })
+            : unpositioned($v->{$_}));
+    } keys %$v };
 }
 
 # decode_with($codec, $bytes): (hash) or (undef, error).
