@@ -48,23 +48,42 @@ sub run_ok {
     return @caught;
 }
 
-my $WIRE = qr/^fuzz_wire: seed (\d+), inputs (\d+), parsed (\d+), rejected (\d+), longest (\d+) bytes, problems 0, elapsed [0-9.]+ s, \(\d+ inputs\/s\)$/;
+my $WIRE = qr/^fuzz_wire: seed (\d+), inputs (\d+), parsed (\d+), rejected (\d+), longest (\d+) bytes, codec decoded (\d+), codec refused (\d+), codec refused by the codec only (\d+), problems 0, elapsed [0-9.]+ s, \(\d+ inputs\/s\)$/;
+my $WIRE_NO_CODEC = qr/^fuzz_wire: seed (\d+), inputs (\d+), parsed (\d+), rejected (\d+), longest (\d+) bytes, problems 0, elapsed [0-9.]+ s, \(\d+ inputs\/s\)$/;
 my $CALLS = qr/^fuzz_calls: seed (\d+), calls (\d+), exceptions (\d+), distinct texts (\d+), invariant checks (\d+), warnings (\d+), problems 0, elapsed [0-9.]+ s, \(\d+ calls\/s\)$/;
 
 # The wire fuzzer: 1200 inputs, then the same inputs in two halves.
-my ($seed, $inputs, $parsed, $rejected, $longest) =
+my ($seed, $inputs, $parsed, $rejected, $longest, $decoded, $refused, $codec_only) =
     run_ok('fuzz_wire --seed 11 --count 1200', 'fuzz_wire.pl', [qw(--seed 11 --count 1200)], $WIRE);
 is $seed, 11, 'fuzz_wire: the summary names the seed';
 is $inputs, 1200, 'fuzz_wire: inputs 1200';
 is $parsed + $rejected, 1200, 'fuzz_wire: every input was parsed or rejected';
 ok $parsed > 0 && $rejected > 0, "fuzz_wire: some inputs parse ($parsed) and some do not ($rejected)";
+# The codec refuses what the record class refuses, and of what the class
+# reads, what holds field number 0, over-long tags or lengths of 2**32 and more.
+is $decoded + $refused + $codec_only, 1200, 'fuzz_wire: every input was decoded or refused by the codec';
+is $refused, $rejected, 'fuzz_wire: the codec refuses every input the record class refuses';
+is $decoded + $codec_only, $parsed, 'fuzz_wire: the inputs the class reads are decoded or documented refusals';
+ok $decoded > 0 && $codec_only > 0,
+    "fuzz_wire: the codec decodes inputs ($decoded) and refuses some that the class reads ($codec_only)";
 
-my (undef, $in1, $parsed1, $rejected1, $longest1) =
+my (undef, $in1, $parsed1, $rejected1, $longest1, @codec1) =
     run_ok('fuzz_wire --seed 11 --count 600', 'fuzz_wire.pl', [qw(--seed 11 --count 600)], $WIRE);
-my (undef, $in2, $parsed2, $rejected2, $longest2) =
+my (undef, $in2, $parsed2, $rejected2, $longest2, @codec2) =
     run_ok('fuzz_wire --seed 11 --first 600 --count 600', 'fuzz_wire.pl', [qw(--seed 11 --first 600 --count 600)], $WIRE);
-is_deeply [$in1 + $in2, $parsed1 + $parsed2, $rejected1 + $rejected2, ($longest1 > $longest2 ? $longest1 : $longest2)],
-    [$inputs, $parsed, $rejected, $longest], 'fuzz_wire: the seed gives the same inputs when split at input 600';
+is_deeply [$in1 + $in2, $parsed1 + $parsed2, $rejected1 + $rejected2, ($longest1 > $longest2 ? $longest1 : $longest2),
+           map { $codec1[$_] + $codec2[$_] } 0 .. 2],
+    [$inputs, $parsed, $rejected, $longest, $decoded, $refused, $codec_only],
+    'fuzz_wire: the seed gives the same inputs when split at input 600';
+
+# The fast mode checks the same inputs with the codec; --no-codec leaves it out.
+my (undef, @fast) = run_ok('fuzz_wire --seed 11 --count 600 --codec-only', 'fuzz_wire.pl',
+    [qw(--seed 11 --count 600 --codec-only)], $WIRE);
+is_deeply \@fast, [$in1, $parsed1, $rejected1, $longest1, @codec1],
+    'fuzz_wire --codec-only: the same counts as the full checks of the same inputs';
+my (undef, @plain) = run_ok('fuzz_wire --seed 11 --count 600 --no-codec', 'fuzz_wire.pl',
+    [qw(--seed 11 --count 600 --no-codec)], $WIRE_NO_CODEC);
+is_deeply \@plain, [$in1, $parsed1, $rejected1, $longest1], 'fuzz_wire --no-codec: the same inputs, no codec counts';
 
 # The call fuzzer: 10000 calls, twice with the same seed.
 my @calls = run_ok('fuzz_calls --seed 12 --count 10000', 'fuzz_calls.pl', [qw(--seed 12 --count 10000)], $CALLS);

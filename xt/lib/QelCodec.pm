@@ -134,7 +134,7 @@ sub _fields {
                 push @$c, [$q, "length of field $ft runs past the end"];
                 return undef;
             }
-            if ($level == \%RECORD_LEVEL && $ADDRESS_NAME_OF{$num} && !$group) {
+            if ($level && $level == \%RECORD_LEVEL && $ADDRESS_NAME_OF{$num} && !$group) {
                 if ($depth + 1 > 100) { push @$c, [$at, 'nesting deeper than 100 levels']; return undef }
                 defined _fields($b, $r, $r + $len, \%ADDRESS_LEVEL, $ADDRESS_NAME_OF{$num}, $depth + 1, undef, $c)
                     or return undef;
