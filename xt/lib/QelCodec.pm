@@ -18,8 +18,8 @@ use QelTest qw(field_table address_fields);
 
 our @EXPORT_OK = qw(
     RECORD_LEVEL ADDRESS_LEVEL ADDRESS_NUMS ADDRESS_NAME_OF
-    read_varint wire_faults unknown_runs field_items
-    valid_utf8 bytes_to_chars chars_to_bytes
+    read_varint encode_varint wire_faults unknown_runs field_items entry_problem
+    bytes_to_chars chars_to_bytes
     address_text parse_address_text
     describe display suggestion
     class_to_codec_form
@@ -60,6 +60,14 @@ sub read_varint {
     return (undef, 'long');
 }
 
+# encode_varint($n): the shortest varint of an unsigned 64-bit value.
+sub encode_varint {
+    my $n = shift;
+    my $o = '';
+    while ($n >= 0x80) { $o .= chr(($n & 0x7f) | 0x80); $n >>= 7 }
+    return $o . chr($n);
+}
+
 sub _field_text {
     my ($num, $level, $ctx) = @_;
     my $t = "$num";
@@ -80,6 +88,73 @@ sub wire_faults {
     my @c;
     _fields($b, 0, length $b, $level || \%RECORD_LEVEL, $ctx, 0, undef, \@c);
     return @c;
+}
+
+# entry_problem($bytes, $level, $depth): what is wrong with the bytes of an
+# `_unknown` entry of a level at nesting $depth (0 for the record, 1 inside an
+# address): (own => $number, $name) for a field that has a key of its own,
+# (fault => $offset, $reason) for malformed data (field names of the level,
+# no address named), or () when they are whole unknown fields.
+sub entry_problem {
+    my ($b, $level, $depth) = @_;
+    my $p = 0;
+    while ($p < length $b) {
+        my ($tag) = read_varint($b, $p, length $b, 5);
+        if (defined $tag && $tag <= 0xFFFFFFFF && ($tag >> 3) && ($tag & 7) < 6) {
+            my $f = $level->{ $tag >> 3 };
+            return (own => $tag >> 3, $f->[0]) if $f && $f->[1] == ($tag & 7);
+        }
+        # One field at a time: its own end or its fault.
+        my @c;
+        my $end;
+        {
+            my ($t, $q) = read_varint($b, $p, length $b, 5);
+            if (defined $t && ($t & 7) == 4 && ($t >> 3) && $t <= 0xFFFFFFFF) {
+                return (fault => $p, 'end-group tag of field ' . _field_text($t >> 3, $level, undef) . ' without a start');
+            }
+            # A field alone: read it as the only field of a level that ends
+            # where the bytes end, and stop after it.
+            $end = _one_field($b, $p, $level, $depth, \@c);
+        }
+        return (fault => @{ $c[0] }) if @c;
+        $p = $end;
+    }
+    return ();
+}
+
+# _one_field: reads the one field at $p (as _fields would) and returns the
+# position after it, or undef with the fault in @$c.
+sub _one_field {
+    my ($b, $p, $level, $depth, $c) = @_;
+    # A copy of _fields' step: read through _fields over the whole rest, but
+    # stop after one field by giving it a group-free view: simplest is to
+    # find the field's end with _fields on a prefix that grows.
+    my ($tag, $q) = read_varint($b, $p, length $b, 5);
+    my $at = $p;
+    if (!defined $tag) { push @$c, [$at, $q eq 'truncated' ? 'truncated varint' : 'tag longer than 5 bytes']; return undef }
+    if ($tag > 0xFFFFFFFF) { push @$c, [$at, 'tag longer than 5 bytes']; return undef }
+    my ($num, $wt) = ($tag >> 3, $tag & 7);
+    if ($num == 0 || $wt >= 6) { push @$c, [$at, $num == 0 ? 'field number 0' : "wire type $wt"]; return undef }
+    my $ft = _field_text($num, $level, undef);
+    my $end = length $b;
+    if ($wt == 0) {
+        my ($v, $r) = read_varint($b, $q, $end, 10);
+        if (!defined $v) { push @$c, [$q, $r eq 'truncated' ? 'truncated varint' : 'varint longer than 10 bytes']; return undef }
+        return $r;
+    }
+    if ($wt == 1 || $wt == 5) {
+        my $size = $wt == 1 ? 8 : 4;
+        if ($end - $q < $size) { push @$c, [$q, 'truncated ' . ($wt == 1 ? 'fixed64' : 'fixed32') . " in field $ft"]; return undef }
+        return $q + $size;
+    }
+    if ($wt == 2) {
+        my ($len, $r) = read_varint($b, $q, $end, 10);
+        if (!defined $len) { push @$c, [$q, $r eq 'truncated' ? 'truncated varint' : 'varint longer than 10 bytes']; return undef }
+        if ($len > $end - $r) { push @$c, [$q, "length of field $ft runs past the end"]; return undef }
+        return $r + $len;
+    }
+    if ($depth + 1 > 100) { push @$c, [$at, 'nesting deeper than 100 levels']; return undef }
+    return _fields($b, $q, $end, undef, undef, $depth + 1, [$num, $ft, $at], $c);
 }
 
 # _fields: reads fields from $p to $end; in a group ($group = [num, text,
@@ -211,7 +286,6 @@ sub unknown_runs {
 my $SEQ = qr/[\x00-\x7F]|[\xC2-\xDF][\x80-\xBF]|\xE0[\xA0-\xBF][\x80-\xBF]|[\xE1-\xEC\xEE\xEF][\x80-\xBF]{2}
             |\xED[\x80-\x9F][\x80-\xBF]|\xF0[\x90-\xBF][\x80-\xBF]{2}|[\xF1-\xF3][\x80-\xBF]{3}|\xF4[\x80-\x8F][\x80-\xBF]{2}/x;
 
-sub valid_utf8 { $_[0] =~ /\A(?:$SEQ)*\z/ }
 
 # bytes_to_chars($bytes): the characters a string field decodes to under the
 # characters option: its UTF-8, each byte of an invalid sequence as U+DC00+byte.
@@ -219,7 +293,9 @@ sub bytes_to_chars {
     my $s = shift;
     return $s if $s !~ /[\x80-\xFF]/;
     my $out = '';
-    while ($s =~ /\G((?:$SEQ)+)|\G(.)/gcs) {
+    # (runs taken in bounded pieces: the regex engine limits repetitions of
+    # a group to 65534)
+    while ($s =~ /\G((?:$SEQ){1,30000})|\G(.)/gcs) {
         if (defined $1) { my $r = $1; utf8::decode($r); $out .= $r }
         else { $out .= chr(0xDC00 + ord $2) }
     }
@@ -300,14 +376,15 @@ sub describe {
 }
 
 # display($string): the value as error texts show it: in double quotes,
-# bytes outside 0x20..0x7E as \xHH, cut to 40 characters and "...".
+# bytes outside 0x20..0x7E as \xHH, cut to 40 bytes and then "..." after
+# the closing quote.
 sub display {
     my $s = shift;
     utf8::encode($s) if utf8::is_utf8($s);
     my $cut = length $s > 40;
     $s = substr $s, 0, 40 if $cut;
     $s =~ s/([^\x20-\x7E])/sprintf '\\x%02X', ord $1/ge;
-    return '"' . $s . ($cut ? '..."' : '"');
+    return '"' . $s . '"' . ($cut ? '...' : '');
 }
 
 sub _distance {
@@ -360,7 +437,8 @@ sub class_to_codec_form {
         elsif ($kind eq 'list') { $out{$k} = [ map { $o->{characters} ? bytes_to_chars($_) : $_ } @$v ] }
         elsif ($kind eq 'address') {
             my $whole = 5 == grep { exists $v->{$_} } @ADDR_NAMES;
-            my $had_unknown = $keep && ref $keep->{$k} eq 'HASH' && exists $keep->{$k}{_unknown};
+            # Unknown fields keep an address a hash unless they are dropped.
+            my $had_unknown = $o->{unknown_fields} eq 'keep' && $keep && ref $keep->{$k} eq 'HASH' && exists $keep->{$k}{_unknown};
             $out{$k} = ($o->{addresses} eq 'text' && $whole && !$had_unknown) ? address_text($v) : {%$v};
         }
         else { $out{$k} = $v }
