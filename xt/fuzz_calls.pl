@@ -1800,6 +1800,7 @@ sub codec_canon {
 
 sub codec_problem {
     my ($what, $text) = @_;
+    $what = $what->() if ref $what eq 'CODE';
     problem("$text\n  in $what");
 }
 
@@ -1873,9 +1874,9 @@ sub codec_encode_call {
     my $before = snapshot($arg);
     my @expect = model_encode($spec, $o);
     my $fname = $c ? 'encode' : 'encode_event';
-    my $what = ($c ? "$CODEC->new(" . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')->encode' : 'encode_event')
-        . '(' . spec_desc($spec) . ')';
-    print "call $CALLS: $what\n" if $opt->{trace};
+    my $what = sub { ($c ? "$CODEC->new(" . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')->encode' : 'encode_event')
+        . '(' . spec_desc($spec) . ')' };    # made only when needed: it takes longer than the call
+    print "call $CALLS: ", $what->(), "\n" if $opt->{trace};
     my ($err, $bytes) = codec_try(sub { $c ? $c->encode($arg) : quillon_event_log::Codec::encode_event($arg) }, 1);
     check_fetches($what, $spec, $err eq '');
     my $after = snapshot($arg);
@@ -1937,9 +1938,9 @@ sub codec_decode_call {
     put(\$arg, $spec);
     @FETCHED = ();
     my $s = fetch_spec($spec);
-    my $what = ($c ? "$CODEC->new(" . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')->decode' : 'decode_event')
-        . '(' . spec_desc($spec) . ')';
-    print "call $CALLS: $what\n" if $opt->{trace};
+    my $what = sub { ($c ? "$CODEC->new(" . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')->decode' : 'decode_event')
+        . '(' . spec_desc($spec) . ')' };
+    print "call $CALLS: ", $what->(), "\n" if $opt->{trace};
     my @expect;
     my $bytes;
     if ($s->{t} eq 'dies') { @expect = ($FETCH_DIED) }
