@@ -230,10 +230,18 @@ size_t utf8_sequence(const unsigned char *p, const unsigned char *end) {
 
 Utf8 classify_utf8(const unsigned char *p, size_t n) {
     const unsigned char *end = p + n;
+    constexpr uint64_t kHigh = 0x8080808080808080ull;
+    while (end - p >= 32) {  // four words at a time: one test per 32 bytes
+        uint64_t w[4];
+        std::memcpy(w, p, 32);
+        if ((w[0] | w[1] | w[2] | w[3]) & kHigh)
+            break;
+        p += 32;
+    }
     while (end - p >= 8) {
         uint64_t w;
         std::memcpy(&w, p, 8);
-        if (w & 0x8080808080808080ull)
+        if (w & kHigh)
             break;
         p += 8;
     }
@@ -299,7 +307,7 @@ const char *display_bytes(pTHX_ const char *s, size_t len, size_t max) {
         if (c >= 0x20 && c <= 0x7E)
             sv_catpvn(out, s + i, 1);
         else
-            sv_catpvf(out, "\\x%02X", c);
+            sv_catpvf(out, "\\x%02x", c);
     }
     sv_catpvs(out, "\"");
     if (len > max)
@@ -310,11 +318,18 @@ const char *display_bytes(pTHX_ const char *s, size_t len, size_t max) {
 const char *display_value(pTHX_ SV *sv, size_t max) {
     if (!SvOK(sv) && !isGV_with_GP(sv))
         return codec_text::kDescUndef;
+    // A copy, so that stringifying a number does not change the caller's
+    // value.  A UTF-8 string is shown by its characters when they all fit in
+    // a byte, so the same Perl string gives the same message with or without
+    // the flag (as IPAddr's from_string shows text); other wide strings show
+    // their UTF-8 bytes.
+    if (!SvPOK(sv) || SvUTF8(sv)) {
+        sv = sv_mortalcopy(sv);
+        if (SvUTF8(sv))
+            sv_utf8_downgrade(sv, TRUE);
+    }
     STRLEN len;
-    // A copy, so that stringifying a number does not change the caller's value.
-    const char *s = SvPOK(sv) && !SvGMAGICAL(sv) ? SvPVX(sv) : SvPV(sv_mortalcopy(sv), len);
-    if (SvPOK(sv) && !SvGMAGICAL(sv))
-        len = SvCUR(sv);
+    const char *s = SvPV(sv, len);
     return display_bytes(aTHX_ s, len, max);
 }
 

@@ -205,7 +205,8 @@ const char *path_text(pTHX_ const Path &path);
 const char *describe(pTHX_ SV *sv);
 
 // A value as shown in messages: Perl's string form in double quotes, bytes
-// outside 0x20..0x7E as \xHH, cut to `max` bytes + "..."; undef unquoted.
+// outside 0x20..0x7E as \xhh (lower case, as IPAddr's messages), cut to
+// `max` bytes + "..."; undef unquoted.
 const char *display_value(pTHX_ SV *sv, size_t max = 40);
 const char *display_bytes(pTHX_ const char *s, size_t len, size_t max = 40);
 

@@ -224,7 +224,7 @@ dies_with { enc({ mobile_app => 1 }) } 'unknown field "mobile_app" (did you mean
 dies_with { enc({ bot_namexxxx => 1 }) } 'unknown field "bot_namexxxx"', 'distance 4 is more than 3';
 dies_with { enc({ _unknow => [] }) } 'unknown field "_unknow" (did you mean "_unknown"?)';
 dies_with { enc({ b => 1, a => 1, c => 1 }) } 'unknown field "a"', 'the first in sorted order';
-dies_with { enc({ "\x{e9}\n" => 1 }) } 'unknown field "\xE9\x0A"', 'bytes shown as \xHH';
+dies_with { enc({ "\x{e9}\n" => 1 }) } 'unknown field "\xe9\x0a"', 'bytes shown as \xhh';
 dies_with { enc({ ('k' x 50) => 1 }) } 'unknown field "' . ('k' x 40) . '"...', 'cut to 40';
 dies_with { enc({ zzz => 1, src_port => 'x' }) } 'src_port: "x" is not a decimal integer',
     'known keys are checked before unknown ones';
@@ -279,10 +279,12 @@ dies_with { enc({ anomaly_categories => ['a'], anomalies => [1, 2, 3, []] }) }
 
 # Integers.
 for my $s ('12abc', '-1', '+1', ' 1', '1 ', '0x10', '1e3', '1.5', '', "1\n", "\x{663}") {
-    my $shown = $s =~ s/([^\x20-\x7e])/sprintf '\\x%02X', ord $1/ger;
-    $shown = join '', map { sprintf '\\x%02X', ord } split //, do { my $u = $s; utf8::encode($u); $u } if $s eq "\x{663}";
+    my $shown = $s =~ s/([^\x20-\x7e])/sprintf '\\x%02x', ord $1/ger;
+    $shown = join '', map { sprintf '\\x%02x', ord } split //, do { my $u = $s; utf8::encode($u); $u } if $s eq "\x{663}";
     dies_with { enc({ src_port => $s }) } qq{src_port: "$shown" is not a decimal integer};
 }
+dies_with { my $s = "\xe9"; utf8::upgrade($s); enc({ src_port => $s }) } 'src_port: "\xe9" is not a decimal integer',
+    'a UTF-8 string of byte characters is shown by its characters';
 dies_with { enc({ src_port => '4294967296' }) } 'src_port: "4294967296" is out of range (0..4294967295)';
 dies_with { enc({ src_port => 4294967296 }) } 'src_port: "4294967296" is out of range (0..4294967295)', 'as a number';
 dies_with { enc({ src_port => -1 }) } 'src_port: "-1" is out of range (0..4294967295)';
@@ -336,7 +338,7 @@ dies_with { $chars->encode({ anomalies => ["\x{DBFF}"] }) } 'anomalies[0]: chara
 dies_with { $text->encode({ client_ip => '1.2.3' }) } 'client_ip: invalid address text "1.2.3"';
 dies_with { $text->encode({ client_ip => '' }) } 'client_ip: invalid address text ""';
 dies_with { $text->encode({ client_ip => 5 }) } 'client_ip: invalid address text "5"';
-dies_with { $text->encode({ client_ip => " 1.2.3.4\n" }) } 'client_ip: invalid address text " 1.2.3.4\x0A"';
+dies_with { $text->encode({ client_ip => " 1.2.3.4\n" }) } 'client_ip: invalid address text " 1.2.3.4\x0a"';
 dies_with { $text->encode({ client_ip => 'x' x 70 }) } 'client_ip: invalid address text "' . ('x' x 64) . '"...';
 dies_with { $text->encode({ client_ip => '1.2.3.4%4294967296' }) } 'client_ip: invalid address text "1.2.3.4%4294967296"';
 
@@ -346,7 +348,7 @@ dies_with { enc({ _unknown => {} }) } '_unknown: expected an array reference, go
 dies_with { enc({ _unknown => [undef] }) } '_unknown[0]: expected a string, got undef';
 dies_with { enc({ _unknown => [[]] }) } '_unknown[0]: expected a string, got an array reference';
 for my $s ('x', '0', '0:', ':3005', '0:300', '0:30g5', '-1:3005', '1 :3005', '0:30 05', '0x:3005', "0:3005\n") {
-    my $shown = $s =~ s/\n/\\x0A/r;
+    my $shown = $s =~ s/\n/\\x0a/r;
     dies_with { enc({ _unknown => [$s] }) } qq{_unknown[0]: "$shown" is not POSITION:HEX};
 }
 dies_with { enc({ _unknown => ['2:3005', '1:3006'] }) } '_unknown[1]: positions must not decrease';
