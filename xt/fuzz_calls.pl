@@ -1165,7 +1165,10 @@ sub value_of {
     if ($t eq 'hash') {
         my (%h, %tied_h);
         my $store = $s->{how} eq 'tied' ? tie(%tied_h, 'Tie::StdHash') : \%h;
-        put(\$store->{ $_->[0] }, $_->[1]) for @{ $s->{keys} };
+        for (@{ $s->{keys} }) {
+            delete $store->{ $_->[0] };    # a key given twice: the last value, untied
+            put(\$store->{ $_->[0] }, $_->[1]);
+        }
         return \%tied_h if $s->{how} eq 'tied';
         bless \%h, $s->{bless} if $s->{bless};
         Hash::Util::lock_keys(%h) if $s->{how} eq 'locked';    # (after bless, which a locked hash refuses)
@@ -1189,7 +1192,7 @@ sub tied_specs {
     my $s = shift;
     return () unless ref $s eq 'HASH';
     return ($s, tied_specs($s->{inner})) if $s->{t} eq 'tied';
-    return map { tied_specs($_->[1]) } @{ $s->{keys} } if $s->{t} eq 'hash';
+    return map { tied_specs($_) } values %{ keys_of($s) } if $s->{t} eq 'hash';
     return map { tied_specs($_) } grep { defined } @{ $s->{elems} } if $s->{t} eq 'array';
     return ();
 }
@@ -1220,7 +1223,8 @@ sub snapshot {
 # ---- specs: random ones -------------------------------------------------------------
 
 my @BAD_NUMBER_TEXTS = ('-1', '+1', ' 3', '3 ', '0x10', '1e3', '1.5', '', '12abc', 'abc', "1\n", 'true',
-                        '0 but true', '0E0', '-0', "\x{ff11}\x{ff12}", 'NaN', 'inf', '٣');
+                        '0 but true', '0E0', '-0', "\x{ff11}\x{ff12}", 'NaN', 'inf', '٣', "\xe92",
+                        do { my $x = "\xe92"; utf8::upgrade($x); $x });    # (shown alike with or without the flag)
 
 # A value of the wrong kind for every family.
 sub wrong_kind {
@@ -1657,11 +1661,7 @@ sub model_address {
         my $text = text_of_spec($s);
         my $a = QelCodec::parse_address_text($text);
         unless ($a) {
-            my $b = $text;
-            utf8::encode($b) if utf8::is_utf8($b);
-            my $shown = length $b > 64 ? '"' . substr($b, 0, 64) . '"...' : "\"$b\"";
-            $shown =~ s/([^\x20-\x7E])/sprintf '\\x%02X', ord $1/ge;
-            return ('err', "$name: invalid address text $shown");
+            return ('err', "$name: invalid address text " . QelCodec::display($text, 64));
         }
         my $payload = join '', map { varint(($_ + 1) << 3) . varint($a->{ $ADDR[$_] }) } 0 .. $#ADDR;
         return ('ok', $payload, QelCodec::address_text($a));
@@ -1847,7 +1847,7 @@ sub spec_desc {
     };
     my $d = Data::Dumper::Dumper($clean->($s));
     $d =~ s/^\$VAR1 = //;
-    return length $d > 600 ? substr($d, 0, 600) . '...' : $d;
+    return length $d > 4000 ? substr($d, 0, 4000) . "..." : $d;
 }
 
 sub check_fetches {

@@ -375,15 +375,17 @@ sub describe {
     return ('a number');
 }
 
-# display($string): the value as error texts show it: in double quotes,
-# bytes outside 0x20..0x7E as \xHH, cut to 40 bytes and then "..." after
-# the closing quote.
+# display($string [, $max]): the value as error texts show it: in double
+# quotes, bytes outside 0x20..0x7E as \xhh, cut to $max bytes (default 40)
+# and then "..." after the closing quote. A string of characters is shown by
+# its characters when they all fit in a byte, else by its UTF-8 bytes.
 sub display {
-    my $s = shift;
-    utf8::encode($s) if utf8::is_utf8($s);
-    my $cut = length $s > 40;
-    $s = substr $s, 0, 40 if $cut;
-    $s =~ s/([^\x20-\x7E])/sprintf '\\x%02X', ord $1/ge;
+    my ($s, $max) = @_;
+    $max = 40 unless defined $max;
+    utf8::encode($s) if utf8::is_utf8($s) && !utf8::downgrade($s, 1);
+    my $cut = length $s > $max;
+    $s = substr $s, 0, $max if $cut;
+    $s =~ s/([^\x20-\x7E])/sprintf '\\x%02x', ord $1/ge;
     return '"' . $s . '"' . ($cut ? '...' : '');
 }
 
