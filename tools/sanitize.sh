@@ -72,9 +72,15 @@ started=$(date +%s.%N)
 elapsed() { perl -e 'printf "%.1f", $ARGV[1] - $ARGV[0]' "$1" "$(date +%s.%N)"; }
 
 # The sources: the files git knows of or would add (tracked and untracked, not
-# ignored), or the MANIFEST outside a git checkout.
+# ignored), or the MANIFEST outside a git checkout. They are unpacked beside
+# the build tree and only the files whose contents differ are copied into it,
+# with the time of the copy: an existing build is then brought up to date by
+# make even when a changed file carries an older time than its object (as a
+# file checked out or merged after the last build does).
 echo "== copying the tree to $dir/src-tree"
 mkdir -p "$dir/src-tree"
+rm -rf "$dir/incoming"
+mkdir -p "$dir/incoming"
 (
     cd "$top"
     if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
@@ -83,7 +89,14 @@ mkdir -p "$dir/src-tree"
         grep -v '^\s*$' MANIFEST | cut -d' ' -f1 | tr '\n' '\0'
     fi
 ) | (cd "$top" && xargs -0 sh -c 'for f; do [ -e "$f" ] && printf "%s\0" "$f"; done' sh) \
-  | (cd "$top" && tar --null -T - -cf -) | (cd "$dir/src-tree" && tar -xf -)
+  | (cd "$top" && tar --null -T - -cf -) | (cd "$dir/incoming" && tar -xf -)
+(cd "$dir/incoming" && find . -type f -print0) | while IFS= read -r -d '' f; do
+    if ! cmp -s "$dir/incoming/$f" "$dir/src-tree/$f"; then
+        mkdir -p "$(dirname "$dir/src-tree/$f")"
+        cp "$dir/incoming/$f" "$dir/src-tree/$f"
+    fi
+done
+rm -rf "$dir/incoming"
 build=$dir/src-tree
 
 echo "== building with -fsanitize=address,undefined"

@@ -1,10 +1,11 @@
 #!/usr/bin/perl
-# API fuzzer of quillon_event_log::QuillonEventLog and quillon_event_log::IPAddr:
-# seeded random calls of every method with random invocants, argument counts
-# and Perl values of every kind (handles the module did not make among them:
-# copied integers, evaluated dumps, objects blessed across the classes,
-# blessed hashes, shared clones), each outcome checked against the documented
-# one, and a pool of objects whose invariants are checked along the way.
+# API fuzzer of quillon_event_log::QuillonEventLog, quillon_event_log::IPAddr
+# and quillon_event_log::Codec: seeded random calls of every method with
+# random invocants, argument counts and Perl values of every kind (handles the
+# module did not make among them: copied integers, evaluated dumps, objects
+# blessed across the classes, blessed hashes, shared clones), each outcome
+# checked against the documented one, and a pool of objects whose invariants
+# are checked along the way.
 # Run from the top of the built tree: perl -Mblib xt/fuzz_calls.pl --seed 1 --count 100000
 
 use strict;
@@ -21,6 +22,8 @@ use QelTest qw($CLASS $ADDR_CLASS);
 use Data::Dumper ();
 use QelFuzz qw(seed_rng r64 rint chance pick rbytes canon parse_options finish_line
                record_problems FIELDS ADDR_FIELDS);
+use QelCodec ();
+use B ();
 use quillon_event_log::QuillonEventLog;
 
 my $USAGE = <<'END';
@@ -39,12 +42,26 @@ usage: perl -Mblib xt/fuzz_calls.pl [options]
   --no-reentrant    give no tied scalars whose FETCH calls methods on the
                     pool's records (DESTROY among them) in the middle of a
                     call (they are given by default)
+  --no-codec        make no calls of quillon_event_log::Codec (by default
+                    one call in four is one of its functions)
+  --no-integral-float-flags
+                    give flag fields no floating-point 1.0 or 0.0 (the
+                    documented flags are the integers 1 and 0, the strings
+                    "1", "0" and "", and booleans; the codec takes these
+                    two floating-point values too)
+  --codec-only      make only calls of quillon_event_log::Codec (its encode
+                    and decode with random hashes and bytes, new, the option
+                    accessors, wrong counts and invocants), for long runs
 Exit status 0 when every call ended as documented and every invariant held,
 1 otherwise.
 END
 
-my $opt = parse_options({ count => 10000, 'tied-hashes' => 1, reentrant => 1 }, $USAGE, 'messages!', 'tied-hashes!', 'reentrant!');
+my $opt = parse_options({ count => 10000, 'tied-hashes' => 1, reentrant => 1, codec => 1 }, $USAGE,
+    'messages!', 'tied-hashes!', 'reentrant!', 'codec!', 'codec-only', 'integral-float-flags!');
+$opt->{'integral-float-flags'} //= 1;
+die "--codec-only and --no-codec exclude each other\n" if $opt->{'codec-only'} && !$opt->{codec};
 $| = 1;
+if ($opt->{codec}) { require quillon_event_log::Codec }
 seed_rng($opt->{seed});
 
 # ---- helper classes ------------------------------------------------------------
@@ -1160,6 +1177,967 @@ sub check_pool_record {
     return;
 }
 
+# ---- the codec -------------------------------------------------------------------
+#
+# Calls of quillon_event_log::Codec (encode_event, decode_event, new, encode,
+# decode and the option accessors). Each argument is made from a spec, a
+# description of the Perl value (its kind, content and magic) from which both
+# the value and the codec's documented outcome are worked out, so the model
+# never reads the value itself (that would run its FETCH or change its flags).
+#
+# Specs: {t => 'undef'}, {t => 'str', v => $s}, {t => 'iv', v => $n},
+# {t => 'nv', v => $n}, {t => 'glob'}, {t => 'ref', make => $code},
+# {t => 'boolobj', make => $code, truth => 0|1}, {t => 'dies'} (a tied scalar
+# whose FETCH dies), {t => 'tied', inner => $spec, n => \$fetches},
+# {t => 'hash', keys => [[$key, $spec], ...], bless => $class, how =>
+# 'plain'|'tied'|'locked'}, {t => 'array', elems => [$spec or undef for a
+# hole, ...], trailing => $holes, bless => $class}.
+
+my $CODEC = 'quillon_event_log::Codec';
+my @CODEC_OPTS = map {
+    { characters => $_ & 1, addresses => ($_ & 2 ? 'text' : 'hash'), unknown_fields => ($_ & 4 ? 'drop' : 'keep') };
+} 0 .. 7;
+my @CODEC_OBJ;
+my %DEFAULT_OPTS = (characters => 0, addresses => 'hash', unknown_fields => 'keep');
+my $JSON_PP = eval { require JSON::PP; 1 };
+my $JSON_XS = eval { require JSON::XS; 1 };
+my %KIND_OF = map { $_->{name} => $_->{kind} } @FIELDS;
+my %NUM_OF = map { $_->[0] => $_->[1] } QelTest::field_table();
+my %ADDR_NUM = map { $ADDR[$_] => $_ + 1 } 0 .. $#ADDR;
+my @KNOWN_KEYS = (@NAMES, '_unknown');
+my @ADDR_KEYS = (@ADDR, '_unknown');
+my $U32_MAX = '4294967295';
+my $U64_MAX = '18446744073709551615';
+my ($CODEC_CALLS, $CODEC_RAISED) = (0, 0);
+
+{
+    package QelFuzz::CountingScalar;    # a tied scalar that counts its fetches
+    sub TIESCALAR { my ($c, $v, $n) = @_; bless { v => $v, n => $n }, $c }
+    sub FETCH     { ${ $_[0]{n} }++; $_[0]{v} }
+    sub STORE     { $_[0]{v} = $_[1] }
+}
+
+sub codec_objects {
+    @CODEC_OBJ = map { $CODEC->new(%$_) } @CODEC_OPTS unless @CODEC_OBJ;
+    return @CODEC_OBJ;
+}
+
+# ---- specs: making the values ---------------------------------------------------
+
+sub S { my ($t, %a) = @_; return { t => $t, %a } }
+
+# put(\$slot, $spec): stores the value of $spec in the slot (ties it for the
+# magical kinds).
+sub put {
+    my ($slot, $s) = @_;
+    my $t = $s->{t};
+    if ($t eq 'dies') { tie $$slot, 'QelFuzz::DyingScalar'; return }
+    if ($t eq 'tied') {
+        my $inner;
+        put(\$inner, $s->{inner});
+        ${ $s->{n} } = 0;
+        tie $$slot, 'QelFuzz::CountingScalar', $inner, $s->{n};
+        return;
+    }
+    $$slot = value_of($s);
+}
+
+# value_of($spec): a new plain value for a spec of a kind that is not magical.
+sub value_of {
+    my $s = shift;
+    my $t = $s->{t};
+    return undef if $t eq 'undef';
+    return do { my $v = $s->{v}; $v } if $t eq 'str';
+    return do { my $v = $s->{v}; $v } if $t eq 'iv' || $t eq 'nv';
+    return *STDOUT if $t eq 'glob';
+    return $s->{make}->() if $t eq 'ref' || $t eq 'boolobj';
+    if ($t eq 'hash') {
+        my (%h, %tied_h);
+        my $store = $s->{how} eq 'tied' ? tie(%tied_h, 'Tie::StdHash') : \%h;
+        for (@{ $s->{keys} }) {
+            delete $store->{ $_->[0] };    # a key given twice: the last value, untied
+            put(\$store->{ $_->[0] }, $_->[1]);
+        }
+        return \%tied_h if $s->{how} eq 'tied';
+        bless \%h, $s->{bless} if $s->{bless};
+        Hash::Util::lock_keys(%h) if $s->{how} eq 'locked';    # (after bless, which a locked hash refuses)
+        return \%h;
+    }
+    if ($t eq 'array') {
+        my @a;
+        my $i = 0;
+        for my $e (@{ $s->{elems} }) {
+            put(\$a[$i], $e) if defined $e;
+            $i++;
+        }
+        $#a = $i - 1 + $s->{trailing};
+        return $s->{bless} ? bless(\@a, $s->{bless}) : \@a;
+    }
+    die "no value for a spec of kind $t\n";
+}
+
+# The tied specs under a spec (whose fetches are counted).
+sub tied_specs {
+    my $s = shift;
+    return () unless ref $s eq 'HASH';
+    return ($s, tied_specs($s->{inner})) if $s->{t} eq 'tied';
+    return map { tied_specs($_) } values %{ keys_of($s) } if $s->{t} eq 'hash';
+    return map { tied_specs($_) } grep { defined } @{ $s->{elems} } if $s->{t} eq 'array';
+    return ();
+}
+
+# snapshot($value): the text of a value as the caller has it (keys, flags,
+# contents), read without fetching tied values.
+sub snapshot {
+    if (my $t = tied $_[0]) { return 'TIED(' . (ref $t eq 'QelFuzz::CountingScalar' ? snapshot($t->{v}) : '') . ')' }
+    my $v = shift;
+    my $r = ref $v;
+    if ($r && reftype $v eq 'HASH') {
+        my $h = tied(%$v) ? tied(%$v) : $v;
+        return "$r\{" . join(',', map {
+            my $k = $_;
+            "$k=" . (tied($h->{$k}) ? 'TIED' : snapshot($h->{$k}));
+        } sort keys %$h) . '}';
+    }
+    if ($r && reftype $v eq 'ARRAY') {
+        return "$r\[" . join(',', map { exists $v->[$_] ? (tied($v->[$_]) ? 'TIED' : snapshot($v->[$_])) : 'HOLE' } 0 .. $#$v) . ']';
+    }
+    return "$r" if $r;
+    return 'undef' unless defined $v;
+    my $flags = B::svref_2object(\$v)->FLAGS & (B::SVf_POK() | B::SVf_IOK() | B::SVf_NOK() | B::SVf_UTF8());
+    my $copy = $v;
+    return "$flags:$copy";
+}
+
+# ---- specs: random ones -------------------------------------------------------------
+
+my @BAD_NUMBER_TEXTS = ('-1', '+1', ' 3', '3 ', '0x10', '1e3', '1.5', '', '12abc', 'abc', "1\n", 'true',
+                        '0 but true', '0E0', '-0', "\x{ff11}\x{ff12}", 'NaN', 'inf', '٣', "\xe92",
+                        do { my $x = "\xe92"; utf8::upgrade($x); $x });    # (shown alike with or without the flag)
+
+# A value of the wrong kind for every family.
+sub wrong_kind {
+    my $k = rint(12);
+    return S('ref', make => sub { [1] })                           if $k == 0;
+    return S('ref', make => sub { {} })                            if $k == 1;
+    return S('ref', make => sub { sub { 1 } })                     if $k == 2;
+    return S('ref', make => sub { \(my $x = 'x') })                if $k == 3;
+    return S('ref', make => sub { \\'x' })                         if $k == 4;
+    return S('ref', make => sub { QelFuzz::Other->new })           if $k == 5;
+    return S('ref', make => sub { bless [], 'QelFuzz::Other' })    if $k == 6;
+    return S('ref', make => sub { \*STDOUT })                      if $k == 7;
+    return S('ref', make => sub { qr/x/ })                         if $k == 8;
+    return S('glob')                                               if $k == 9;
+    return S('dies')                                               if $k == 10;
+    return S('ref', make => sub { bless \(my $x = 1), 'QelFuzz::Other' });
+}
+
+sub maybe_tied {
+    my $s = shift;
+    return chance(12) ? S('tied', inner => $s, n => \(my $n = 0)) : $s;
+}
+
+sub ascii_word { pick('curl', 'block', 'GET', '/login', 'Malicious Bot', 'NZ', '', 'a b', 'x' x (1 + rint(60)), "tab\there") }
+
+# A string value: valid for the options when $good, anything otherwise.
+sub string_spec {
+    my ($o, $good) = @_;
+    my $k = rint($good ? 12 : 20);
+    return maybe_tied(S('str', v => ascii_word()))                         if $k <= 3;
+    return maybe_tied(S('str', v => rbytes(rint(12))))                     if $k == 4;    # any bytes
+    if ($k == 5) { my $s = "\xe9t\xe9" . ascii_word(); utf8::upgrade($s); return S('str', v => $s) }    # downgradable
+    return S('iv', v => pick(0, 42, -7, 4294967296))                       if $k == 6;
+    return S('nv', v => pick(1.5, -0.25, 1e20))                            if $k == 7;
+    return S('str', v => "\x{e2}\x{98}\x{ba}")                             if $k == 8;    # UTF-8 bytes
+    if ($k <= 11) {
+        # Characters: wide ones with the option, bytes without it.
+        return S('str', v => "caf\xe9") unless $o->{characters};
+        my $s = join '', map { chr(pick(0x263A, 0xE9, 0x1F600, 0x10FFFF, 0xDC80 + rint(128), 0x41)) } 1 .. 1 + rint(5);
+        return S('str', v => $s);
+    }
+    return wrong_kind() if $k <= 14;
+    if ($k <= 17) {
+        my $s = join '', map { chr(pick(0x263A, 0x100, 0xD800, 0xDBFF, 0xDC7F, 0xDD00, 0xDFFF, 0x110000, 0xDC80, 0x41)) } 1 .. 1 + rint(3);
+        return S('str', v => $s);
+    }
+    return S('undef') if $k == 18;
+    return maybe_tied(S('str', v => 'x' x rint(1000)));
+}
+
+# A uint32 or uint64 value.
+sub number_spec {
+    my ($max, $good) = @_;
+    my $big = $max eq $U64_MAX;
+    my $k = rint($good ? 10 : 18);
+    return maybe_tied(S('iv', v => pick(0, 1, 80, 443, 65535, 2147483647, 4294967295, $big ? (9223372036854775807, 18446744073709551615) : ()))) if $k <= 2;
+    return S('iv', v => rint(100000))                                      if $k == 3;
+    return S('nv', v => pick(0.0, 1.0, 4294967295.0, 65536.0, $big ? (2**63, 1e19, 2**53) : ()))  if $k == 4;
+    return maybe_tied(S('str', v => pick('0', '00012345', '007', $max, '0' x rint(30) . '1', '' . rint(1000000)))) if $k <= 6;
+    return S('str', v => '' . (r64() >> rint(64))) if $k <= 7 && $big;
+    return S('str', v => '' . rint(4294967296)) if $k <= 7;
+    return S('iv', v => rint(65536)) if $k <= 9;
+    return S('iv', v => pick(-1, -4294967296, -9223372036854775807 - 1, $big ? () : (4294967296, 18446744073709551615))) if $k == 10;
+    return S('nv', v => pick(0.5, -1.0, -0.5, 9**9**9, -9**9**9, (9**9**9) / (9**9**9), 2**64, 1e30, $big ? () : (4294967296.0, 1e10))) if $k == 11;
+    return S('str', v => pick(@BAD_NUMBER_TEXTS)) if $k <= 13;
+    return S('str', v => pick('4294967296', '18446744073709551616', '99999999999999999999999', '000000000000000000000018446744073709551616')) if $k == 14;
+    return bool_object() if $k == 15;
+    return S('undef') if $k == 16;
+    return wrong_kind();
+}
+
+sub bool_object {
+    my $truth = rint(2);
+    return S('boolobj', truth => $truth, make => sub { $truth ? JSON::PP::true() : JSON::PP::false() }) if $JSON_PP && chance(2);
+    return S('boolobj', truth => $truth, make => sub { $truth ? JSON::XS::true() : JSON::XS::false() }) if $JSON_XS;
+    return S('str', v => $truth ? '1' : '0');
+}
+
+sub bool_spec {
+    my $good = shift;
+    my $k = rint($good ? 8 : 14);
+    return maybe_tied(S('iv', v => rint(2)))                   if $k <= 1;
+    return maybe_tied(S('str', v => pick('1', '0', '')))       if $k <= 3;
+    return S('str', v => !!rint(2) ? !!1 : !!0)                if $k == 4;    # Perl's own booleans
+    return bool_object()                                       if $k <= 6;
+    return S('iv', v => pick(0, 1))                            if $k == 7;
+    return S('str', v => pick('true', 'false', 'yes', '01', ' 1', '1.0', '00', 'on')) if $k <= 9;
+    return S('iv', v => pick(2, -1, 10))                       if $k == 10;
+    return S('nv', v => pick(0.5, 2.5, $opt->{'integral-float-flags'} ? (1.0, 0.0) : (-1.0, 3.0))) if $k == 11;
+    return S('undef')                                          if $k == 12;
+    return wrong_kind();
+}
+
+my @UNKNOWN_NUMS = (6, 31, 62, 63, 100, 1000, 19999, 536870911);
+
+# Whole unknown fields for an `_unknown` entry of a level (the record's or an
+# address's): unknown numbers, known numbers with another wire type, groups.
+sub unknown_bytes {
+    my $address = shift;
+    my $out = '';
+    for (1 .. 1 + rint(3)) {
+        my $num = chance(3) ? ($address ? pick(1 .. 5) : pick(map { $NUM_OF{$_} } @NAMES)) : pick(@UNKNOWN_NUMS);
+        if ($address) { $num = pick(6, 7, 100) if $num <= 5 && chance(3) }
+        my @wts = (0, 1, 2, 3, 5);
+        my $wt = pick(@wts);
+        # A known number gets another wire type than its own.
+        my $own_wt = $address ? ($num <= 5 ? 0 : -1) : do { my ($n) = grep { $NUM_OF{$_} == $num } @NAMES; defined $n ? ($KIND_OF{$n} =~ /^(uint32|uint64|bool)$/ ? 0 : 2) : -1 };
+        $wt = pick(grep { $_ != $own_wt } @wts) if $wt == $own_wt;
+        my $tag = QelCodec::encode_varint(($num << 3) | $wt);
+        $out .= $wt == 0 ? $tag . QelCodec::encode_varint(rint(100000))
+              : $wt == 1 ? $tag . rbytes(8)
+              : $wt == 5 ? $tag . rbytes(4)
+              : $wt == 2 ? do { my $p = rbytes(rint(6)); $tag . QelCodec::encode_varint(length $p) . $p }
+              :            $tag . QelCodec::encode_varint((7 << 3) | 0) . "\x01" . QelCodec::encode_varint(($num << 3) | 4);
+    }
+    return $out;
+}
+
+# An `_unknown` value of a level.
+sub unknown_spec {
+    my ($address, $good) = @_;
+    my $k = rint($good ? 6 : 10);
+    if ($k <= 5) {
+        my @e;
+        my $pos = rint(3);
+        for (1 .. 1 + rint(3)) {
+            my $hex = unpack 'H*', unknown_bytes($address);
+            $hex = uc $hex if chance(5);
+            push @e, S('str', v => (chance(8) ? '00' : '') . "$pos:$hex");
+            $pos += rint(3);
+        }
+        if (!$good || chance(20)) {
+            # One broken entry.
+            my $i = rint(@e + 1);
+            my $b = rint(11);
+            my $bad = $b == 0 ? S('undef')
+                    : $b == 1 ? wrong_kind()
+                    : $b == 2 ? S('str', v => pick('x', '0:', ':ab', '0:abc', '0:zz', '-1:00', ' 0:30', '0:3 0', "0:30\n", '1e1:30', "0:\x{263A}"))
+                    : $b == 3 ? S('str', v => '0:' . unpack 'H*', pick("\x00", "\x30", "\x32\x05ab", "\x33", "\x34", "\x36", "\x37\x00", "\x35\x01", "\x31\x01\x02",
+                                                                      "\x80\x80\x80\x80\x80\x01", "\x30" . ("\xff" x 10) . "\x01", "\x33" x 101 . "\x34" x 101))
+                    : $b == 4 ? S('str', v => '0:' . unpack 'H*', rbytes(1 + rint(8)))
+                    : $b == 5 ? S('str', v => '0:' . unpack 'H*', $address ? "\x08\x01" : pick("\x0a\x00", "\xa0\x01\x05", "\x22\x00", "\xe2\x02\x00"))
+                    : $b == 6 ? S('str', v => '9:' . unpack 'H*', "\x30\x01")    # positions decrease after it
+                    : $b == 7 ? S('str', v => '0:' . unpack('H*', "\x30\x01") . unpack('H*', $address ? "\x10\x05" : "\xc8\x01\x05"))
+                    : $b == 8 ? S('str', v => '0:' . unpack 'H*', "\x33" x 99 . "\x34" x 99)
+                    :           S('iv', v => 5);
+            splice @e, $i, 0, $bad;
+        }
+        return S('array', elems => \@e, trailing => chance(10) ? 1 : 0, bless => chance(20) ? 'QelFuzz::Other' : undef);
+    }
+    return S('undef') if $k <= 6;
+    return wrong_kind() if $k <= 8;
+    return S('str', v => '0:30');
+}
+
+# A misspelt or strange key of a level.
+sub unknown_key {
+    my @names = @_;
+    my $k = rint(6);
+    return pick('zzz', '', 'x', 'BOT', 'unknown', 'ip', 'q' x 40) if $k == 0;
+    my $n = pick(@names);
+    for (1 .. ($k == 5 ? 2 + rint(3) : 1 + rint(2))) {
+        my $at = rint(length($n) + 1);
+        my $e = rint(3);
+        if ($e == 0 && length $n > 1) { substr($n, $at >= length $n ? $at - 1 : $at, 1) = '' }
+        elsif ($e == 1) { substr($n, $at, 0) = pick('x', '_', 'a', 'E') }
+        else { substr($n, $at >= length $n ? $at - 1 : $at, 1) = pick('z', 'o', '1') if length $n }
+    }
+    return $n;
+}
+
+sub address_spec {
+    my ($o, $good) = @_;
+    my $k = rint($good ? 10 : 14);
+    if ($k <= 6 || ($k <= 8 && $o->{addresses} ne 'text')) {
+        my @keys;
+        for my $w (@ADDR) {
+            next unless chance(4) || $k <= 2;
+            push @keys, [$w, $good || !chance(4) ? number_spec($U32_MAX, 1) : number_spec($U32_MAX, 0)];
+            $keys[-1][1] = S('iv', v => rint(1000)) if $good && $keys[-1][1]{t} =~ /^(undef)$/ && 0;
+        }
+        push @keys, ['_unknown', unknown_spec(1, $good || !chance(3))] if chance(6);
+        push @keys, [unknown_key(@ADDR_KEYS), S('iv', v => 1)] if !$good && chance(3);
+        @keys = map { $keys[$_] } sort { (rint(3) - 1) || $a <=> $b } 0 .. $#keys;
+        return S('hash', keys => \@keys, how => pick('plain', 'plain', 'plain', 'tied', 'locked'),
+                 bless => chance(15) ? 'QelFuzz::Other' : undef);
+    }
+    if ($k <= 8) {
+        my %a = map { $_ => (chance(2) ? rint(256) : r64() >> 32) } @ADDR;
+        $a{$_} = 0 for grep { chance(3) } qw(ip0 ip1 ip2);
+        $a{rtdom_id} = 0 if chance(2);
+        my $t = QelCodec::address_text(\%a);
+        $t = pick("::ffff:1.2.3.4", "::1.2.3.4", "0:0:0:0:0:0:0:1", "1.2.3.4%0", "1.2.3.4%0004294967295", "::") if chance(5);
+        return maybe_tied(S('str', v => $t));
+    }
+    return S('str', v => pick('1.2.3', '1.2.3.4 ', '[::1]', '01.2.3.4', '1.2.3.256', '1.2.3.4%', '1.2.3.4%4294967296',
+                              '::1%12345678901', '', 'localhost', "1.2.3.4\0", '0x1.2.3.4', "\x{263A}", 'x' x 80, '1.2.3.4/24')) if $k <= 10;
+    return S('iv', v => 5) if $k == 11;
+    return S('undef') if $k == 12;
+    return wrong_kind();
+}
+
+sub list_spec {
+    my ($o, $good) = @_;
+    my $k = rint($good ? 10 : 14);
+    if ($k <= 9 || $k == 13) {
+        my @e = map { string_spec($o, $good || !chance(3)) } 0 .. rint(5);
+        @e = () if chance(10);
+        if (!$good) {
+            $e[ rint(@e + 1) ] = undef if chance(3);    # a hole
+            $e[ rint(@e + 1) ] = S('undef') if chance(3);
+        }
+        $_ = S('undef') for grep { defined && $_->{t} eq 'undef' && $good } @e;
+        @e = grep { !defined || $_->{t} ne 'undef' } @e if $good;
+        return S('array', elems => \@e, trailing => !$good && chance(4) ? 1 + rint(2) : 0, bless => chance(15) ? 'QelFuzz::Other' : undef);
+    }
+    return S('undef') if $k == 10;
+    return S('str', v => 'a') if $k == 11;
+    return wrong_kind();
+}
+
+sub field_spec {
+    my ($name, $o, $good) = @_;
+    my $kind = $KIND_OF{$name};
+    my $s = $kind eq 'string'  ? string_spec($o, $good)
+          : $kind eq 'uint32'  ? number_spec($U32_MAX, $good)
+          : $kind eq 'uint64'  ? number_spec($U64_MAX, $good)
+          : $kind eq 'bool'    ? bool_spec($good)
+          : $kind eq 'address' ? address_spec($o, $good)
+          :                      list_spec($o, $good);
+    # Valid specs of the string family may still be wrong for the options.
+    return $s;
+}
+
+# record_spec($o): a hash argument for encode, mostly valid.
+sub record_spec {
+    my $o = shift;
+    my $good = chance(3) ? 0 : 1;
+    my @keys;
+    my $n = pick(0, 1, 2, 3, 5, 8, 13, 20, scalar @NAMES);
+    my %used;
+    for (1 .. $n) {
+        my $name = pick(@NAMES);
+        next if $used{$name}++;
+        push @keys, [$name, field_spec($name, $o, $good || !chance(4))];
+    }
+    push @keys, ['_unknown', unknown_spec(0, $good || !chance(3))] if chance(5);
+    push @keys, [unknown_key(@KNOWN_KEYS), S('str', v => 'x')] if !$good && chance(3);
+    push @keys, [unknown_key(@KNOWN_KEYS), S('dies')] if !$good && chance(10);
+    my $how = pick(('plain') x 8, 'tied', 'locked');
+    my $s = S('hash', keys => \@keys, how => $how, bless => $how eq 'plain' && chance(20) ? 'QelFuzz::Other' : undef);
+    return chance(30) ? S('tied', inner => $s, n => \(my $c = 0)) : $s;
+}
+
+# ---- the model of encode ------------------------------------------------------------
+
+# Each model function returns ('ok', ...), ('err', $text) or ('die', $text),
+# and notes the tied specs it fetches in @FETCHED.
+my @FETCHED;
+
+sub fetch_spec {
+    my $s = shift;
+    while ($s->{t} eq 'tied') { push @FETCHED, $s; $s = $s->{inner} }
+    return $s;
+}
+
+sub desc_of {
+    my $s = shift;
+    my $t = $s->{t};
+    return 'undef' if $t eq 'undef';
+    return 'a glob' if $t eq 'glob';
+    return 'a string' if $t eq 'str';
+    return 'a number' if $t eq 'iv' || $t eq 'nv';
+    if ($t eq 'ref' || $t eq 'boolobj') { my @d = QelCodec::describe($s->{make}->()); return $d[-1] }
+    return $s->{bless} ? "a $s->{bless} object" : 'a hash reference' if $t eq 'hash';
+    return $s->{bless} ? "a $s->{bless} object" : 'an array reference' if $t eq 'array';
+    die "no description of a spec of kind $t\n";
+}
+
+sub text_of_spec { my $s = shift; my $v = $s->{v}; return "$v" }
+
+sub is_hash_spec { my $s = shift; return $s->{t} eq 'hash' || ($s->{t} eq 'ref' && reftype($s->{make}->()) eq 'HASH') }
+
+# as_container($spec): a reference made by a 'ref' spec as the hash or array
+# spec of what it holds (an empty hash, an object of a hash, [1]).
+sub as_container {
+    my $s = shift;
+    return $s unless $s->{t} eq 'ref';
+    my $v = $s->{make}->();
+    my $class = blessed $v;
+    return S('hash', keys => [ map { [$_, S('str', v => $v->{$_})] } sort keys %$v ], how => 'plain', bless => $class)
+        if reftype $v eq 'HASH';
+    return S('array', elems => [ map { S('iv', v => $_) } @$v ], trailing => 0, bless => $class) if reftype $v eq 'ARRAY';
+    return $s;
+}
+
+# uint32/uint64: ('ok', $decimal) or ('err', $text).
+sub model_number {
+    my ($s, $path, $max) = @_;
+    my $t = $s->{t};
+    return ('err', "$path: expected an integer, got " . desc_of($s)) if $t =~ /^(ref|boolobj|glob|hash|array)$/;
+    my $shown = $t eq 'str' ? QelCodec::display($s->{v}) : QelCodec::display('' . $s->{v});
+    my $over = sub { my $d = shift; $d =~ s/\A0+(?=.)//; length $d > length $max || (length $d == length $max && $d gt $max) };
+    if ($t eq 'str') {
+        my $v = $s->{v};
+        return ('err', "$path: $shown is not a decimal integer") unless $v =~ /\A[0-9]+\z/;
+        return ('err', "$path: $shown is out of range (0..$max)") if $over->($v);
+        (my $d = $v) =~ s/\A0+(?=.)//;
+        return ('ok', $d);
+    }
+    if ($t eq 'iv') {
+        my $v = $s->{v};
+        return ('err', "$path: $shown is out of range (0..$max)") if $v < 0 || $over->("$v");
+        return ('ok', "$v");
+    }
+    my $v = $s->{v};    # nv
+    return ('err', "$path: $shown is not an integer") if $v != $v || $v == 9**9**9 || $v == -9**9**9 || $v != int $v;
+    return ('err', "$path: $shown is out of range (0..$max)") if $v < 0 || $v >= ($max eq $U64_MAX ? 18446744073709551616.0 : 4294967296.0);
+    return ('ok', sprintf '%.0f', $v);
+}
+
+sub model_flag {
+    my ($s, $path) = @_;
+    my $t = $s->{t};
+    my $expected = '(1, 0, "" or a JSON boolean)';
+    return ('ok', $s->{truth} ? 1 : 0) if $t eq 'boolobj';
+    return ('err', "$path: expected a flag $expected, got " . desc_of($s)) if $t =~ /^(ref|glob|hash|array)$/;
+    my $v = $s->{v};
+    if ($t eq 'str') { return ('ok', $v eq '1' ? 1 : 0) if $v eq '' || $v eq '0' || $v eq '1' }
+    elsif ($t eq 'iv') { return ('ok', $v) if $v == 0 || $v == 1 }
+    return ('err', "$path: " . QelCodec::display('' . $v) . " is not a flag $expected");
+}
+
+# A string: ('ok', $bytes) or ('err', $text).
+sub model_string {
+    my ($s, $path, $o) = @_;
+    my $t = $s->{t};
+    return ('err', "$path: expected a string, got " . desc_of($s)) if $t =~ /^(ref|boolobj|glob|hash|array|undef)$/;
+    my $v = '' . $s->{v};
+    if (utf8::is_utf8($v)) {
+        if ($o->{characters}) {
+            my ($bytes, $cp) = QelCodec::chars_to_bytes($v);
+            return ('err', sprintf "%s: character U+%04X cannot be written as UTF-8", $path, $cp) unless defined $bytes;
+            return ('ok', $bytes);
+        }
+        if ($v =~ /([^\x00-\xFF])/) { return ('err', sprintf "%s: wide character U+%04X in a byte string (use the characters option)", $path, ord $1) }
+        utf8::downgrade($v);
+        return ('ok', $v);
+    }
+    return ('ok', $v) unless $o->{characters};
+    my $c = $v;
+    utf8::upgrade($c);
+    utf8::encode($c);
+    return ('ok', $c);
+}
+
+# `_unknown` of a level: ('ok', [[pos, bytes], ...]) or an error.
+sub model_unknown {
+    my ($s, $path, $address, $depth) = @_;
+    $s = fetch_spec($s);
+    return ('die', $FETCH_DIED) if $s->{t} eq 'dies';
+    return ('ok', []) if $s->{t} eq 'undef';
+    return ('err', "$path: expected an array reference, got " . desc_of($s)) unless $s->{t} eq 'array' || ($s->{t} eq 'ref' && reftype($s->{make}->()) eq 'ARRAY');
+    return ('err', "$path: expected an array reference, got " . desc_of($s)) if $s->{t} eq 'ref' && @{ $s->{make}->() } && 0;
+    my @runs;
+    my $previous = 0;
+    my @elems = $s->{t} eq 'array' ? (@{ $s->{elems} }, (undef) x $s->{trailing}) : map { S('iv', v => $_) } @{ $s->{make}->() };
+    for my $i (0 .. $#elems) {
+        my $e = $elems[$i];
+        my $p = "$path\[$i]";
+        return ('err', "$p: expected a string, got undef") unless defined $e;
+        $e = fetch_spec($e);
+        return ('die', $FETCH_DIED) if $e->{t} eq 'dies';
+        return ('err', "$p: expected a string, got " . desc_of($e)) if $e->{t} ne 'str' && $e->{t} ne 'iv' && $e->{t} ne 'nv';
+        my $text = text_of_spec($e);
+        my $bytes_text = $text;
+        utf8::encode($bytes_text) if utf8::is_utf8($bytes_text);
+        my ($pos, $hex) = $bytes_text =~ /\A([0-9]+):((?:[0-9a-fA-F]{2})+)\z/;
+        return ('err', "$p: " . QelCodec::display($text) . ' is not POSITION:HEX') unless defined $pos;
+        $pos =~ s/\A0+(?=.)//;
+        $pos = length $pos > 18 ? 1e18 : 0 + $pos;
+        return ('err', "$p: positions must not decrease") if $pos < $previous;
+        $previous = $pos;
+        my $bytes = pack 'H*', $hex;
+        my @pr = QelCodec::entry_problem($bytes, $address ? QelCodec::ADDRESS_LEVEL() : QelCodec::RECORD_LEVEL(), $depth);
+        return ('err', "$p: field $pr[1] ($pr[2]) belongs in its own key") if @pr && $pr[0] eq 'own';
+        return ('err', "$p: malformed wire data at byte $pr[1]: $pr[2]") if @pr;
+        push @runs, [$pos, $bytes];
+    }
+    return ('ok', \@runs);
+}
+
+# The keys a hash spec has, as a hash of key => spec (the last of a key
+# given twice).
+sub keys_of { my $s = shift; return { map { ($_->[0] => $_->[1]) } @{ $s->{keys} } } }
+
+# The first unknown key of a level (sorted), as its error text.
+sub unknown_key_error {
+    my ($keys, $known, $prefix) = @_;
+    my %k = map { $_ => 1 } @$known;
+    my ($first) = sort grep { !$k{$_} } keys %$keys;
+    return undef unless defined $first;
+    my $near = QelCodec::suggestion($first, @$known);
+    return $prefix . 'unknown field ' . QelCodec::display($first) . (defined $near ? " (did you mean \"$near\"?)" : '');
+}
+
+# Writes items (each [bytes]) with runs ([pos, bytes]) inserted: a run at
+# POS goes after the first POS items, and after all of them when POS is
+# larger. Returns the bytes and the `_unknown` entries a decode gives back.
+sub weave {
+    my ($items, $runs) = @_;
+    my $out = '';
+    my @entries;
+    my $r = 0;
+    my $last_pos;
+    for my $i (0 .. scalar @$items) {
+        my $hex = '';
+        while ($r < @$runs && ($runs->[$r][0] <= $i || $i == @$items)) { $out .= $runs->[$r][1]; $hex .= unpack 'H*', $runs->[$r][1]; $r++ }
+        push @entries, "$i:$hex" if length $hex;
+        $out .= $items->[$i] if $i < @$items;
+    }
+    return ($out, \@entries);
+}
+
+sub varint { QelCodec::encode_varint($_[0]) }
+sub ld { my ($num, $payload) = @_; varint(($num << 3) | 2) . varint(length $payload) . $payload }
+
+# model_address($spec, $name, $o): ('ok', $payload, $decoded) or an error.
+sub model_address {
+    my ($s, $name, $o) = @_;
+    if (!is_hash_spec($s)) {
+        return ('err', "$name: expected a hash reference, got " . desc_of($s)) unless $o->{addresses} eq 'text';
+        return ('err', "$name: expected an address text or a hash reference, got " . desc_of($s)) if $s->{t} !~ /^(str|iv|nv)$/;
+        my $text = text_of_spec($s);
+        my $a = QelCodec::parse_address_text($text);
+        unless ($a) {
+            return ('err', "$name: invalid address text " . QelCodec::display($text, 64));
+        }
+        my $payload = join '', map { varint(($_ + 1) << 3) . varint($a->{ $ADDR[$_] }) } 0 .. $#ADDR;
+        return ('ok', $payload, QelCodec::address_text($a));
+    }
+    $s = as_container($s);
+    my $keys = keys_of($s);
+    my $runs = [];
+    if (exists $keys->{_unknown} && $o->{unknown_fields} eq 'keep') {
+        my @r = model_unknown($keys->{_unknown}, "$name._unknown", 1, 1);
+        return @r unless $r[0] eq 'ok';
+        $runs = $r[1];
+    }
+    my (@items, %words);
+    for my $w (@ADDR) {
+        next unless exists $keys->{$w};
+        my $v = fetch_spec($keys->{$w});
+        return ('die', $FETCH_DIED) if $v->{t} eq 'dies';
+        next if $v->{t} eq 'undef';
+        my @r = model_number($v, "$name.$w", $U32_MAX);
+        return @r unless $r[0] eq 'ok';
+        $words{$w} = $r[1];
+        push @items, varint($ADDR_NUM{$w} << 3) . varint($r[1]);
+    }
+    my $err = unknown_key_error($keys, \@ADDR_KEYS, "$name: ");
+    return ('err', $err) if defined $err;
+    my ($payload, $entries) = weave(\@items, $runs);
+    my $decoded;
+    if ($o->{addresses} eq 'text' && keys(%words) == 5 && !@$entries) { $decoded = QelCodec::address_text(\%words) }
+    else { $decoded = {%words}; $decoded->{_unknown} = $entries if @$entries }
+    return ('ok', $payload, $decoded);
+}
+
+# model_encode($spec, $o): ('ok', $bytes, $decoded_hash, $class_same) or an
+# error; $class_same tells whether the record class reads the hash the same
+# way (so that its pack gives the same bytes).
+sub model_encode {
+    my ($s, $o) = @_;
+    @FETCHED = ();
+    $s = fetch_spec($s);
+    return ('die', $FETCH_DIED) if $s->{t} eq 'dies';
+    return ('err', 'expected a hash reference, got ' . desc_of($s)) unless is_hash_spec($s);
+    $s = as_container($s);
+    my $keys = keys_of($s);
+    my $same = $s->{how} ne 'tied' && !$s->{bless} && !$o->{characters} && $o->{addresses} eq 'hash';
+    my $runs = [];
+    if (exists $keys->{_unknown} && $o->{unknown_fields} eq 'keep') {
+        my @r = model_unknown($keys->{_unknown}, '_unknown', 0, 0);
+        return @r unless $r[0] eq 'ok';
+        $runs = $r[1];
+        $same = 0 if @$runs;
+    }
+    my (@items, %decoded);
+    for my $name (@NAMES) {
+        next unless exists $keys->{$name};
+        my $raw = $keys->{$name};
+        $same = 0 if $raw->{t} eq 'tied';
+        my $v = fetch_spec($raw);
+        return ('die', $FETCH_DIED) if $v->{t} eq 'dies';
+        if ($v->{t} eq 'undef') { $same = 0; next }
+        my $kind = $KIND_OF{$name};
+        my $num = $NUM_OF{$name};
+        if ($kind eq 'string') {
+            my @r = model_string($v, $name, $o);
+            return @r unless $r[0] eq 'ok';
+            $same = 0 if $v->{t} eq 'str' && utf8::is_utf8($v->{v});
+            push @items, ld($num, $r[1]);
+            $decoded{$name} = $o->{characters} ? QelCodec::bytes_to_chars($r[1]) : $r[1];
+        }
+        elsif ($kind eq 'uint32' || $kind eq 'uint64') {
+            my @r = model_number($v, $name, $kind eq 'uint32' ? $U32_MAX : $U64_MAX);
+            return @r unless $r[0] eq 'ok';
+            $same = 0 if $kind eq 'uint64' && ($v->{t} eq 'nv' || ($v->{t} eq 'str' && $v->{v} =~ /\A0./));
+            push @items, varint($num << 3) . varint($r[1]);
+            $decoded{$name} = $r[1];
+        }
+        elsif ($kind eq 'bool') {
+            my @r = model_flag($v, $name);
+            return @r unless $r[0] eq 'ok';
+            $same = 0 if $v->{t} eq 'boolobj';
+            push @items, varint($num << 3) . chr($r[1]);
+            $decoded{$name} = $r[1];
+        }
+        elsif ($kind eq 'address') {
+            my @r = model_address($v, $name, $o);
+            return @r unless $r[0] eq 'ok';
+            $same = 0 if $v->{t} ne 'hash' || $v->{bless} || $v->{how} ne 'plain' || grep { $_->[0] eq '_unknown' || $_->[1]{t} ne 'iv' } @{ $v->{keys} };
+            push @items, ld($num, $r[1]);
+            $decoded{$name} = $r[2];
+        }
+        else {
+            return ('err', "$name: expected an array reference, got " . desc_of($v))
+                unless $v->{t} eq 'array' || ($v->{t} eq 'ref' && reftype($v->{make}->()) eq 'ARRAY');
+            $v = as_container($v);
+            my @elems = (@{ $v->{elems} }, (undef) x $v->{trailing});
+            my @list;
+            for my $i (0 .. $#elems) {
+                return ('err', "$name\[$i]: expected a string, got undef") unless defined $elems[$i];
+                $same = 0 if $elems[$i]{t} eq 'tied';
+                my $e = fetch_spec($elems[$i]);
+                return ('die', $FETCH_DIED) if $e->{t} eq 'dies';
+                return ('err', "$name\[$i]: expected a string, got undef") if $e->{t} eq 'undef';
+                my @r = model_string($e, "$name\[$i]", $o);
+                return @r unless $r[0] eq 'ok';
+                $same = 0 if $e->{t} eq 'str' && utf8::is_utf8($e->{v});
+                push @items, ld($num, $r[1]);
+                push @list, $o->{characters} ? QelCodec::bytes_to_chars($r[1]) : $r[1];
+            }
+            $decoded{$name} = \@list if @list;
+        }
+    }
+    my $err = unknown_key_error($keys, \@KNOWN_KEYS, '');
+    return ('err', $err) if defined $err;
+    my ($bytes, $entries) = weave(\@items, $runs);
+    $decoded{_unknown} = $entries if @$entries;
+    return ('ok', $bytes, \%decoded, $same);
+}
+
+# ---- the calls -------------------------------------------------------------------------
+
+# The text of a decoded hash for comparisons: strings of ASCII characters as
+# bytes (the codec may flag them or not under the characters option).
+sub codec_canon {
+    my ($v, $chars) = @_;
+    my $norm;
+    $norm = sub {
+        my $x = shift;
+        return { map { ($_ => $norm->($x->{$_})) } keys %$x } if ref $x eq 'HASH';
+        return [ map { $norm->($_) } @$x ] if ref $x eq 'ARRAY';
+        return $x if ref $x || !defined $x || !$chars || $x =~ /[^\x00-\x7F]/;
+        my $s = $x;
+        utf8::downgrade($s);
+        return $s;
+    };
+    return canon($norm->($v));
+}
+
+sub codec_problem {
+    my ($what, $text) = @_;
+    $what = $what->() if ref $what eq 'CODE';
+    problem("$text\n  in $what");
+}
+
+# The outcome of a codec call: ('', @results) or (error text). Only the
+# call a check is about counts ($counted), not those that check its result.
+sub codec_try {
+    my ($code, $counted) = @_;
+    my @r;
+    local $@;
+    my $ok = eval { @r = $code->(); 1 };
+    return $ok ? ('', @r) : (clean_message($@)) unless $counted;
+    $CALLS++;
+    $CODEC_CALLS++;
+    if (!$ok) {
+        my $e = clean_message($@);
+        $RAISED++;
+        $CODEC_RAISED++;
+        (my $key = $e) =~ s/"[^"]*"/"..."/g;
+        $key =~ s/[0-9]+/N/g;
+        $MESSAGES{$key}++;
+        return ($e);
+    }
+    return ('', @r);
+}
+
+sub spec_desc {
+    my $s = shift;
+    require Data::Dumper;
+    no warnings 'once';
+    local $Data::Dumper::Indent = 0;
+    local $Data::Dumper::Sortkeys = 1;
+    local $Data::Dumper::Useqq = 1;
+    my $clean;
+    $clean = sub {
+        my $x = shift;
+        return $x unless ref $x eq 'HASH';
+        my %c = %$x;
+        $c{make} = desc_of($x) if exists $c{make};
+        delete $c{n};
+        $c{inner} = $clean->($c{inner}) if $c{inner};
+        $c{keys} = [ map { [$_->[0], $clean->($_->[1])] } @{ $c{keys} } ] if $c{keys};
+        $c{elems} = [ map { defined $_ ? $clean->($_) : 'HOLE' } @{ $c{elems} } ] if $c{elems};
+        return \%c;
+    };
+    my $d = Data::Dumper::Dumper($clean->($s));
+    $d =~ s/^\$VAR1 = //;
+    return length $d > 4000 ? substr($d, 0, 4000) . "..." : $d;
+}
+
+sub check_fetches {
+    my ($what, $spec, $done) = @_;
+    my %fetched = map { (refaddr($_) => 1) } @FETCHED;
+    for my $t (tied_specs($spec)) {
+        my $n = ${ $t->{n} };
+        my $want = $fetched{ refaddr $t } ? 1 : 0;
+        next if $n == $want;
+        codec_problem($what, "a tied value was fetched $n times, expected $want");
+        last;
+    }
+}
+
+# One call of encode_event or encode with a random hash.
+sub codec_encode_call {
+    my @objs = codec_objects();
+    my $which = rint(9);
+    my ($o, $c) = $which == 8 ? (\%DEFAULT_OPTS, undef) : ($CODEC_OPTS[$which], $objs[$which]);
+    my $spec = chance(25) ? pick(wrong_kind(), S('undef'), S('str', v => 'x'), S('iv', v => 1), S('array', elems => [], trailing => 0))
+                          : record_spec($o);
+    my $arg;
+    put(\$arg, $spec);
+    my $before = snapshot($arg);
+    my @expect = model_encode($spec, $o);
+    my $fname = $c ? 'encode' : 'encode_event';
+    my $what = sub { ($c ? "$CODEC->new(" . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')->encode' : 'encode_event')
+        . '(' . spec_desc($spec) . ')' };    # made only when needed: it takes longer than the call
+    print "call $CALLS: ", $what->(), "\n" if $opt->{trace};
+    my ($err, $bytes) = codec_try(sub { $c ? $c->encode($arg) : quillon_event_log::Codec::encode_event($arg) }, 1);
+    check_fetches($what, $spec, $err eq '');
+    my $after = snapshot($arg);
+    codec_problem($what, "the argument changed:\n  before $before\n  after  $after") if $before ne $after;
+    if ($expect[0] ne 'ok') {
+        return codec_problem($what, "returned, expected '$expect[1]'") if $err eq '';
+        return codec_problem($what, "died of '$err', expected '$expect[1]'") if $err ne $expect[1];
+        return;
+    }
+    return codec_problem($what, "died of '$err', expected bytes " . unpack('H*', substr $expect[1], 0, 60)) if $err ne '';
+    return codec_problem($what, 'returned ' . (defined $bytes ? 'a reference' : 'undef') . ', not bytes') if !defined $bytes || ref $bytes;
+    return codec_problem($what, 'returned a string with the UTF-8 flag') if utf8::is_utf8($bytes);
+    if ($bytes ne $expect[1]) {
+        return codec_problem($what, 'returned ' . unpack('H*', substr $bytes, 0, 80) . ', expected ' . unpack('H*', substr $expect[1], 0, 80)
+            . ' (' . length($bytes) . ' and ' . length($expect[1]) . ' bytes)');
+    }
+    my ($e2, $h) = codec_try(sub { $c ? $c->decode($bytes) : quillon_event_log::Codec::decode_event($bytes) });
+    return codec_problem($what, "decoding the result died of '$e2'") if $e2 ne '';
+    my ($got, $want) = (codec_canon($h, $o->{characters}), codec_canon($expect[2], $o->{characters}));
+    codec_problem($what, "decodes to $got, expected $want") if $got ne $want;
+    if ($expect[3]) {
+        my $r = eval { $CLASS->new($arg) };
+        if ($r) {
+            my $p = $r->length ? $r->pack : '';
+            codec_problem($what, 'the record class packs the same hash as ' . unpack('H*', substr $p, 0, 80)) if $p ne $bytes;
+        }
+    }
+}
+
+# Bytes to decode: a valid encoding, a cut or changed one, random bytes.
+sub decode_spec {
+    my $o = shift;
+    my $k = rint(14);
+    if ($k <= 6) {
+        my $spec;
+        my @r;
+        for (1 .. 5) { $spec = record_spec($o); @r = model_encode($spec, $o); last if $r[0] eq q(ok) }
+        my $b = $r[0] eq 'ok' ? $r[1] : '';
+        $b = substr $b, 0, rint(length($b) + 1) if $k == 5;
+        if ($k == 6 && length $b) { vec($b, rint(length($b) * 8), 1) ^= 1 }
+        return maybe_tied(S('str', v => $b));
+    }
+    return S('str', v => wire_bytes()) if $k == 7;
+    return S('str', v => rbytes(rint(20))) if $k == 8;
+    if ($k == 9) { my $b = "\x0a\x03\xe9t\xe9"; utf8::upgrade($b); return S('str', v => $b) }    # downgradable
+    return S('str', v => "\x0a\x03\x{263A}") if $k == 10;
+    return S('iv', v => pick(5, 0, 8)) if $k == 11;
+    return S('undef') if $k == 12;
+    return wrong_kind();
+}
+
+# One call of decode_event or decode.
+sub codec_decode_call {
+    my @objs = codec_objects();
+    my $which = rint(9);
+    my ($o, $c) = $which == 8 ? (\%DEFAULT_OPTS, undef) : ($CODEC_OPTS[$which], $objs[$which]);
+    my $spec = decode_spec($o);
+    my $arg;
+    put(\$arg, $spec);
+    @FETCHED = ();
+    my $s = fetch_spec($spec);
+    my $what = sub { ($c ? "$CODEC->new(" . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')->decode' : 'decode_event')
+        . '(' . spec_desc($spec) . ')' };
+    print "call $CALLS: ", $what->(), "\n" if $opt->{trace};
+    my @expect;
+    my $bytes;
+    if ($s->{t} eq 'dies') { @expect = ($FETCH_DIED) }
+    elsif ($s->{t} !~ /^(str|iv|nv)$/) { @expect = ('expected a byte string, got ' . desc_of($s)) }
+    else {
+        $bytes = text_of_spec($s);
+        if (utf8::is_utf8($bytes) && $bytes =~ /[^\x00-\xFF]/) { @expect = ('wide character in the bytes to decode') }
+        else {
+            utf8::downgrade($bytes) if utf8::is_utf8($bytes);
+            my @f = QelCodec::wire_faults($bytes);
+            @expect = @f ? ("malformed record at byte $f[0][0]: $f[0][1]") : ('');
+        }
+    }
+    my ($err, $h) = codec_try(sub { $c ? $c->decode($arg) : quillon_event_log::Codec::decode_event($arg) }, 1);
+    check_fetches($what, $spec, 1);
+    return codec_problem($what, ($err eq '' ? 'returned' : "died of '$err'") . ', expected ' . ($expect[0] eq '' ? 'a hash' : "'$expect[0]'"))
+        if $err ne $expect[0];
+    return if $err ne '';
+    return codec_problem($what, 'returned ' . (defined $h ? "'$h'" : 'undef') . ', not a hash reference') unless ref $h eq 'HASH';
+    # Against the record class's reading of the same bytes.
+    my $cls = $CLASS->new;
+    return codec_problem($what, 'the record class refuses the bytes') unless $cls->unpack($bytes);
+    my $keep = $o->{unknown_fields} eq 'keep' && $o->{addresses} eq 'hash' ? $h : quillon_event_log::Codec::decode_event($bytes);
+    my $want = QelCodec::class_to_codec_form($cls->to_hashref, $o, $keep);
+    if ($o->{unknown_fields} eq 'keep') {
+        my @runs = QelCodec::unknown_runs($bytes);
+        $want->{_unknown} = \@runs if @runs;
+        for my $name (grep { ref $want->{$_} eq 'HASH' } keys %$want) {
+            $want->{$name}{_unknown} = $keep->{$name}{_unknown} if ref $keep->{$name} eq 'HASH' && $keep->{$name}{_unknown};
+        }
+    }
+    my ($got, $w) = (codec_canon($h, $o->{characters}), codec_canon($want, $o->{characters}));
+    codec_problem($what, "gives $got, expected $w") if $got ne $w;
+}
+
+# new, the accessors, wrong argument counts and invocants.
+sub codec_other_call {
+    my $k = rint(10);
+    if ($k <= 3) {
+        my @args;
+        my %o = %DEFAULT_OPTS;
+        my $expect = '';
+        for (0 .. rint(4)) {
+            my $c = rint(12);
+            my ($key, $v) = $c <= 2 ? ('characters', pick(0, 1, '', 'yes', undef, 2))
+                          : $c <= 5 ? ('addresses', pick('hash', 'text', 'Text', 'x', ''))
+                          : $c <= 8 ? ('unknown_fields', pick('keep', 'drop', 'Drop', 'ignore'))
+                          : (pick('foo', 'character', 'Addresses', ''), 1);
+            push @args, $key, $v;
+            next if $expect ne '';
+            if ($key eq 'characters') { $o{characters} = $v ? 1 : 0 }
+            elsif ($key eq 'addresses') {
+                if ($v eq 'hash' || $v eq 'text') { $o{addresses} = $v }
+                else { $expect = "option addresses must be \"hash\" or \"text\", not \"$v\"" }
+            }
+            elsif ($key eq 'unknown_fields') {
+                if ($v eq 'keep' || $v eq 'drop') { $o{unknown_fields} = $v }
+                else { $expect = "option unknown_fields must be \"keep\" or \"drop\", not \"$v\"" }
+            }
+            else { $expect = "unknown option \"$key\" (known options: addresses, characters, unknown_fields)" }
+        }
+        if (chance(6)) { push @args, 'characters' }
+        $expect = 'odd number of options' if @args % 2;
+        my $what = "$CODEC->new(" . join(', ', map { defined $_ ? "'$_'" : 'undef' } @args) . ')';
+        my ($err, $c) = codec_try(sub { $CODEC->new(@args) }, 1);
+        return codec_problem($what, ($err eq '' ? 'returned' : "died of '$err'") . ', expected ' . ($expect eq '' ? 'an object' : "'$expect'"))
+            if $err ne $expect && !($expect eq 'odd number of options' && $err =~ /\A(?:unknown option|option )/ && 0);
+        return if $err ne '';
+        return codec_problem($what, 'returned ' . (defined $c ? "'$c'" : 'undef') . ", not a $CODEC object") unless ref $c eq $CODEC;
+        my @got = map { my $m = $_; my ($e, $v) = codec_try(sub { $c->$m }); $e eq '' ? $v : "died: $e" } qw(characters addresses unknown_fields);
+        my @want = ($o{characters}, $o{addresses}, $o{unknown_fields});
+        codec_problem($what, "the accessors give (@got), expected (@want)") if "@got" ne "@want";
+        return;
+    }
+    # Wrong argument counts and invocants.
+    my @objs = codec_objects();
+    my $obj = pick(@objs);
+    my $m = pick(qw(encode_event decode_event encode decode));
+    my %usage = (encode_event => 'hashref', decode_event => 'bytes', encode => 'self, hashref', decode => 'self, bytes');
+    my $code = \&{"quillon_event_log::Codec::$m"};
+    my $method = $m eq 'encode' || $m eq 'decode';
+    my $want = $method ? 2 : 1;
+    my $n = pick(grep { $_ != $want } 0 .. 3);
+    my @args = map { pick({}, '', $obj) } 1 .. $n;
+    my $expect = "Usage: quillon_event_log::Codec::$m($usage{$m})";
+    if ($k <= 6) {
+        if ($method) {
+            # The right count with a wrong invocant.
+            my $self = pick('quillon_event_log::Codec', undef, {}, QelFuzz::Other->new, bless(\(my $x = 7), 'QelFuzz::Other'), 1);
+            @args = ($self, $m eq 'encode' ? {} : '');
+            $expect = 'self is not a quillon_event_log::Codec object';
+        }
+        else {
+            @args = ();
+        }
+    }
+    my $what = "quillon_event_log::Codec::$m(" . scalar(@args) . ' arguments)';
+    my ($err) = codec_try(sub { $code->(@args) }, 1);
+    codec_problem($what, ($err eq '' ? 'returned' : "died of '$err'") . ", expected '$expect'") if $err ne $expect;
+}
+
+sub codec_call {
+    my $k = rint(10);
+    return codec_encode_call() if $k <= 5;
+    return codec_decode_call() if $k <= 8;
+    return codec_other_call();
+}
+
 # ---- the run -----------------------------------------------------------------------
 
 sub fill_pool {
@@ -1193,15 +2171,24 @@ sub finish_summary {
     }
     return $text . finish_line('fuzz_calls', $opt, calls => $CALLS, exceptions => $RAISED,
         'distinct texts' => scalar @distinct, 'invariant checks' => $CHECKS, warnings => $WARNINGS,
+        ($opt->{codec} ? ('codec calls' => $CODEC_CALLS, 'codec exceptions' => $CODEC_RAISED) : ()),
         problems => $PROBLEMS);
 }
 
 sub main {
     local $SIG{__WARN__} = sub { $WARNINGS++ };    # perl's conversion warnings: expected
-    fill_pool();
+    fill_pool() unless $opt->{'codec-only'};
     my $step = $opt->{count} >= 10 ? int($opt->{count} / 10) : 0;
     my $next = $step;
     while ($CALLS < $opt->{count}) {
+        if ($opt->{'codec-only'} || ($opt->{codec} && chance(4))) {
+            codec_call();
+            if ($step && $CALLS >= $next && !$opt->{quiet}) {
+                print "  $CALLS calls\n";
+                $next += $step;
+            }
+            next;
+        }
         one_call();
         check_pool_record() if chance(50);
         tend_pool();

@@ -1,7 +1,9 @@
 #!/usr/bin/perl
 # Wire-input fuzzer of quillon_event_log::QuillonEventLog: parses seeded,
 # mutated encodings with new and unpack and checks that everything the parsed
-# record then reports (hash form, getters, pack, length, copies) agrees.
+# record then reports (hash form, getters, pack, length, copies) agrees; then
+# decodes each input with quillon_event_log::Codec and checks the result
+# against the record class's reading and the codec's documented rules.
 # Run from the top of the built tree: perl -Mblib xt/fuzz_wire.pl --seed 1 --count 10000
 
 use strict;
@@ -14,6 +16,8 @@ use lib "$HERE/lib", "$HERE/../t/lib";
 use QelTest qw($CLASS);
 use QelFuzz qw(seed_rng r64 rint chance pick rbytes canon hexdump parse_options finish_line
                record_problems FIELDS ADDR_FIELDS);
+use QelCodec qw(wire_faults unknown_runs field_items class_to_codec_form ADDRESS_LEVEL
+                ADDRESS_NAME_OF);
 use quillon_event_log::QuillonEventLog;
 
 my $USAGE = <<'END';
@@ -29,13 +33,19 @@ usage: perl -Mblib xt/fuzz_wire.pl [options]
                     input of a crash)
   --save DIR        write each input with problems to DIR as a .bin file
   --quiet           print only problems and the summary line
+  --no-codec        do not decode the inputs with quillon_event_log::Codec
+  --codec-only      check only the codec's outcomes (against the record
+                    class's parse), not the record class's own consistency:
+                    several times faster, for long runs
 Exit status 0 when every input was handled consistently, 1 otherwise.
 Standard error carries the protocol-buffer runtime's complaints about strings
 that are not UTF-8; they are expected.
 END
 
-my $opt = parse_options({}, $USAGE, 'save=s');
+my $opt = parse_options({ codec => 1 }, $USAGE, 'save=s', 'codec!', 'codec-only');
+die "--codec-only and --no-codec exclude each other\n" if $opt->{'codec-only'} && !$opt->{codec};
 $| = 1;
+if ($opt->{codec}) { require quillon_event_log::Codec }
 
 my @FIELDS = FIELDS();
 my @ADDR = map { $_->{name} } ADDR_FIELDS();
@@ -571,16 +581,229 @@ sub check_input {
     return ($ok, @p);
 }
 
+# ---- the codec -----------------------------------------------------------------
+
+# The codec objects: every combination of the options; each input is decoded
+# with decode_event (the defaults) and with one of these, chosen by the seed.
+my @CODEC_OPTIONS = map {
+    my $i = $_;
+    { characters => $i & 1, addresses => ($i & 2 ? 'text' : 'hash'), unknown_fields => ($i & 4 ? 'drop' : 'keep') };
+} 0 .. 7;
+my @CODECS = $opt->{codec} ? map { quillon_event_log::Codec->new(%$_) } @CODEC_OPTIONS : ();
+my %DEFAULTS = (characters => 0, addresses => 'hash', unknown_fields => 'keep');
+
+# The reasons a malformed record may be refused for.
+my $F = qr/[0-9]+(?: \([a-z0-9_]+\))?(?: in [a-z_]+)?/;
+my $REASON = join '|', 'truncated varint', 'varint longer than 10 bytes', 'field number 0', 'tag longer than 5 bytes',
+    'wire type [67]', "length of field $F runs past the end", "truncated fixed(?:32|64) in field $F",
+    "end-group tag of field $F without a start", "group of field $F is not closed", 'nesting deeper than 100 levels';
+$REASON = qr/$REASON/;
+
+my %CODEC_COUNT = (decoded => 0, refused => 0, 'refused by the codec only' => 0);
+
+# A copy of a decoded hash without its `_unknown` keys, with strings of ASCII
+# characters as byte strings when $chars (the codec may leave them either way).
+sub strip {
+    my ($v, $chars) = @_;
+    if (ref $v eq 'HASH') { return { map { ($_ => strip($v->{$_}, $chars)) } grep { $_ ne '_unknown' } keys %$v } }
+    if (ref $v eq 'ARRAY') { return [ map { strip($_, $chars) } @$v ] }
+    return $v if ref $v || !defined $v || !$chars || $v =~ /[^\x00-\x7F]/;
+    my $s = $v;
+    utf8::downgrade($s);
+    return $s;
+}
+
+# The shapes a decoded hash must have: keys of fields only (and `_unknown`
+# unless unknown fields are dropped), strings as bytes or, under the
+# characters option, flagged when not ASCII; `_unknown` entries "POS:HEX".
+sub form_problems {
+    my ($what, $h, $o) = @_;
+    my @p;
+    my $check_unknown = sub {
+        my ($where, $u) = @_;
+        return push @p, "$what: $where is present although unknown fields are dropped" if $o->{unknown_fields} eq 'drop';
+        return push @p, "$what: $where is not an array of entries" unless ref $u eq 'ARRAY' && @$u;
+        my $last = -1;
+        for my $e (@$u) {
+            my ($pos) = defined $e && !ref $e && !utf8::is_utf8($e) ? $e =~ /\A([0-9]+):(?:[0-9a-f][0-9a-f])+\z/ : ();
+            push(@p, "$what: $where holds '" . (defined $e ? $e : 'undef') . "', not POS:HEX"), last unless defined $pos;
+            push @p, "$what: $where positions decrease" if $pos < $last;
+            $last = $pos;
+        }
+    };
+    for my $k (keys %$h) {
+        my $v = $h->{$k};
+        if ($k eq '_unknown') { $check_unknown->('_unknown', $v); next }
+        my $kind = $QelCodec::RECORD_KIND{$k};
+        if (!defined $kind) { push @p, "$what: unknown key '$k'"; next }
+        my @strings = $kind eq 'string' ? ($v) : $kind eq 'list' ? (ref $v eq 'ARRAY' ? @$v : ()) : ();
+        for my $s (@strings) {
+            next if defined $s && !ref $s && ($o->{characters} ? ($s !~ /[^\x00-\x7F]/ || utf8::is_utf8($s)) : !utf8::is_utf8($s));
+            push @p, "$what: $k holds a string of the wrong form";
+        }
+        if ($kind eq 'address' && ref $v eq 'HASH' && exists $v->{_unknown}) {
+            $check_unknown->("$k._unknown", $v->{_unknown});
+        }
+    }
+    return @p;
+}
+
+# repeats($bytes): whether whole wire data holds a singular known field or an
+# address more than once, or an address holds one of its fields more than once.
+sub repeats {
+    my %n;
+    for my $it (field_items($_[0])) {
+        next unless $it->[4] && $QelCodec::RECORD_KIND{ QelCodec::RECORD_LEVEL()->{ $it->[2] }[0] } ne 'list';
+        return 1 if $n{ $it->[2] }++;
+        next unless ADDRESS_NAME_OF->{ $it->[2] };
+        my %w;
+        for my $in (field_items(substr($_[0], $it->[5], $it->[1] - $it->[5]), ADDRESS_LEVEL)) {
+            return 1 if $in->[4] && $w{ $in->[2] }++;
+        }
+    }
+    return 0;
+}
+
+# unpositioned($hash): a copy with the `_unknown` entries of each level as
+# one string of all their wire bytes, without positions (runs that meet when
+# positions move become one).
+sub unpositioned {
+    my $v = shift;
+    return $v unless ref $v eq 'HASH';
+    return { map {
+        ($_ => $_ eq '_unknown' && ref $v->{$_} eq 'ARRAY'
+            ? join('', map { my $e = $_; $e =~ s/\A[0-9]+://; $e } @{ $v->{$_} })
+            : unpositioned($v->{$_}));
+    } keys %$v };
+}
+
+# decode_with($codec, $bytes): (hash) or (undef, error).
+sub decode_with {
+    my ($c, $b) = @_;
+    local $@;
+    my $h = eval { $c ? $c->decode($b) : quillon_event_log::Codec::decode_event($b) };
+    return $@ ? (undef, $@) : ($h);
+}
+
+# check_codec($bytes, $which): decodes the input with the defaults and with
+# codec object $which and checks both outcomes. Returns the outcome
+# ('decoded', 'refused' or 'refused by the codec only') and the problems.
+sub check_codec {
+    my ($bytes, $which) = @_;
+    my @p;
+    my $cls = $CLASS->new;
+    my $ok = $cls->unpack($bytes);
+    my @faults = wire_faults($bytes);
+    my $fault_text = join ' or ', map { "at byte $_->[0]: $_->[1]" } @faults;
+    my $big = length($bytes) > 256 * 1024;
+    my ($keep, $keep_err);
+    my %outcome;
+    for my $run ([undef, \%DEFAULTS, 'decode_event'], [$CODECS[$which], $CODEC_OPTIONS[$which], "codec $which"]) {
+        my ($c, $o, $what) = @$run;
+        $what .= ' (' . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')' if $c;
+        my ($h, $err) = decode_with($c, $bytes);
+        if (defined $err) {
+            my ($at, $reason) = $err =~ /\Amalformed record at byte ([0-9]+): ($REASON) at \S+ line [0-9]+\.\n\z/;
+            $outcome{$what} = defined $at ? "$at: $reason" : $err;
+            if (!defined $at) {
+                push @p, "$what died of '$err', not of a documented text";
+            }
+            elsif (!@faults) {
+                push @p, "$what refused whole wire data: '$err'";
+            }
+            elsif (!grep { $_->[0] == $at && $_->[1] eq $reason } @faults) {
+                push @p, "$what refused the data at byte $at: $reason; the first fault is $fault_text";
+            }
+            next;
+        }
+        $outcome{$what} = 'hash';
+        if (ref $h ne 'HASH') { push @p, "$what returned " . (defined $h ? "'$h'" : 'undef') . ', not a hash reference'; next }
+        push @p, "$what accepted malformed data (the first fault is $fault_text)" if @faults;
+        ($keep, $keep_err) = ($h) if !$c;
+        push @p, form_problems($what, $h, $o);
+        if (!$ok) { push @p, "$what decoded data that the record class refuses"; next }
+        my $want = class_to_codec_form($cls->to_hashref, $o, $keep);
+        my ($gc, $wc) = (canon(strip($h, $o->{characters})), canon(strip($want, $o->{characters})));
+        push @p, "$what gives $gc, the record class $wc" if $gc ne $wc;
+        if ($o->{unknown_fields} eq 'keep' && !$big) {
+            # The unknown runs and their positions, read from the input.
+            my @want = unknown_runs($bytes);
+            my $got = exists $h->{_unknown} ? $h->{_unknown} : [];
+            push @p, "$what: _unknown is " . canon($got) . ', expected ' . canon(\@want)
+                if canon($got) ne canon(\@want);
+            my %seen;
+            for my $it (field_items($bytes)) {
+                my $name = ADDRESS_NAME_OF->{ $it->[2] } or next;
+                $seen{$name}{count}++ if $it->[4];
+                $seen{$name}{payload} = substr $bytes, $it->[5], $it->[1] - $it->[5] if $it->[4];
+            }
+            for my $name (sort keys %seen) {
+                next if $seen{$name}{count} != 1 || ref $h->{$name} ne 'HASH';    # merged: positions unclear
+                my @w = unknown_runs($seen{$name}{payload}, ADDRESS_LEVEL);
+                my $g = exists $h->{$name}{_unknown} ? $h->{$name}{_unknown} : [];
+                push @p, "$what: $name._unknown is " . canon($g) . ', expected ' . canon(\@w) if canon($g) ne canon(\@w);
+            }
+        }
+
+        # Encoded again: no error, and it decodes to the same hash.
+        my $e = eval { $c ? $c->encode($h) : quillon_event_log::Codec::encode_event($h) };
+        if (!defined $e) { push @p, "$what: encoding the decoded hash died: $@"; next }
+        push @p, "$what: the encoding has the UTF-8 flag" if utf8::is_utf8($e);
+        my ($h2, $err2) = decode_with($c, $e);
+        if (defined $err2) { push @p, "$what: decoding its own encoding died: $err2"; next }
+        # POS counts the known values of the input: after a repeated singular
+        # field or address, the re-encoding has fewer, so the positions of
+        # the runs may move (on purpose: the runs and their order stay).
+        my $moved = $big || repeats($bytes);
+        push @p, "$what: decode(encode(decode(\$bytes))) differs from decode(\$bytes)"
+            if canon($moved ? unpositioned($h2) : $h2) ne canon($moved ? unpositioned($h) : $h);
+        my $cls_pack = $cls->pack;
+        if ($o->{unknown_fields} eq 'keep') {
+            push @p, "$what: the record class packs the re-encoding unlike the input"
+                if $CLASS->new($e)->pack ne $cls_pack;
+            push @p, "$what: a canonical input re-encodes as other bytes (" . length($e) . ' instead of ' . length($bytes) . ')'
+                if ($bytes eq '' || $cls_pack eq $bytes) && $e ne $bytes;
+        }
+        else {
+            my $d = $CLASS->new;
+            $d->copy_from($cls);
+            $d->discard_unkown_fields;
+            my $want_bytes = $d->length ? $d->pack : '';
+            push @p, "$what: the re-encoding (" . length($e) . ' bytes) is not the record class\'s without unknown fields ('
+                . length($want_bytes) . ' bytes)' if $e ne $want_bytes;
+        }
+    }
+    my @o = values %outcome;
+    my ($first, $second) = sort keys %outcome;
+    push @p, "decode_event and the codec object end differently ($outcome{$first}; $outcome{$second})"
+        if $outcome{$first} ne $outcome{$second};
+    return ('decoded', @p) if $o[0] eq 'hash';
+    return ('refused', @p) unless $ok;
+    # The record class reads what the codec refuses: only for what the codec
+    # documents as refused and the class keeps (field number 0, tags longer
+    # than 5 bytes, lengths of 2**32 or more, which the class reads modulo
+    # 2**32).
+    my ($at, $reason) = $o[0] =~ /\A([0-9]+): (.*)\z/s or return ('refused', @p);
+    my $documented = $reason eq 'field number 0' || $reason eq 'tag longer than 5 bytes';
+    if ($reason =~ /\Alength of field /) {
+        my ($len) = QelCodec::read_varint($bytes, $at, length $bytes, 10);
+        $documented = 1 if defined $len && $len >= 4294967296;
+    }
+    push @p, "the record class reads the data, the codec refuses it ($o[0]), which the class should refuse too"
+        unless $documented;
+    return ('refused by the codec only', @p);
+}
+
 # minimize($bytes, $signature): a shorter input whose first problem reads the
 # same (numbers aside): whole top-level fields are dropped, then the payloads
 # of length-delimited fields emptied, then chunks of bytes of halving sizes
 # removed, as long as the problem stays. At most 3000 tries.
 sub minimize {
-    my ($bytes, $sig) = @_;
+    my ($bytes, $sig, $which) = @_;
     my $tries = 0;
     my $fails = sub {
         $tries++;
-        my (undef, @p) = check_input($_[0]);
+        my (undef, undef, @p) = input_problems($_[0], $which);
         return @p && signature($p[0]) eq $sig;
     };
     my $fields = sub { my $f = split_fields($_[0]); $f ? @$f : () };
@@ -609,6 +832,18 @@ sub minimize {
     return $bytes;
 }
 
+# input_problems($bytes, $which): the outcome of unpack, the codec's outcome
+# (undef under --no-codec) and the problems of the input: the record class's
+# own checks (unless --codec-only), then the codec's, with codec object
+# $which.
+sub input_problems {
+    my ($bytes, $which) = @_;
+    my ($ok, @p) = $opt->{'codec-only'} ? ($CLASS->new->unpack($bytes)) : check_input($bytes);
+    return ($ok, undef, @p) unless $opt->{codec};
+    my ($outcome, @cp) = check_codec($bytes, $which);
+    return ($ok, $outcome, @p, @cp);
+}
+
 sub signature { (my $s = shift) =~ s/[0-9]+|'[^']*'/#/g; $s }
 
 # ---- the run -----------------------------------------------------------------
@@ -618,10 +853,13 @@ sub main {
     my $step = $opt->{count} >= 10 ? int($opt->{count} / 10) : 0;
     for my $index ($opt->{first} .. $opt->{first} + $opt->{count} - 1) {
         my ($bytes, @mutations) = make_input($index);
-        print "input $index: ", length($bytes), " bytes, mutations: @mutations\n" if $opt->{trace};
-        my ($ok, @problems) = check_input($bytes);
+        my $which = rint(scalar @CODEC_OPTIONS);    # drawn after the input: the inputs stay those of the seed
+        print "input $index: ", length($bytes), " bytes, mutations: @mutations",
+            ($opt->{codec} ? ", codec $which" : ''), "\n" if $opt->{trace};
+        my ($ok, $outcome, @problems) = input_problems($bytes, $which);
         $inputs++;
         $ok ? $parsed++ : $rejected++;
+        $CODEC_COUNT{$outcome}++ if defined $outcome;
         $longest = length $bytes if length $bytes > $longest;
         if (@problems) {
             $bad++;
@@ -630,7 +868,7 @@ sub main {
             print "  $_\n" for @problems[0 .. ($#problems < 9 ? $#problems : 9)];
             print '  ... ', @problems - 10, " more\n" if @problems > 10;
             print hexdump($bytes), "\n";
-            my $small = minimize($bytes, signature($problems[0]));
+            my $small = minimize($bytes, signature($problems[0]), $which);
             print "  reduced to ", length($small), " bytes with the same first problem:\n", hexdump($small, 128), "\n"
                 if length $small < length $bytes;
             if (defined $opt->{save}) {
@@ -645,7 +883,9 @@ sub main {
     }
 
     print finish_line('fuzz_wire', $opt, inputs => $inputs, parsed => $parsed, rejected => $rejected,
-        longest => "$longest bytes", problems => $bad);
+        longest => "$longest bytes",
+        ($opt->{codec} ? map { ("codec $_" => $CODEC_COUNT{$_}) } 'decoded', 'refused', 'refused by the codec only' : ()),
+        problems => $bad);
     return $bad ? 1 : 0;
 }
 
