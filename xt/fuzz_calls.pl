@@ -1644,6 +1644,7 @@ sub model_flag {
     my $v = $s->{v};
     if ($t eq 'str') { return ('ok', $v eq '1' ? 1 : 0) if $v eq '' || $v eq '0' || $v eq '1' }
     elsif ($t eq 'iv') { return ('ok', $v) if $v == 0 || $v == 1 }
+    elsif ($t eq 'nv') { return ('ok', $v == 1 ? 1 : 0) if $v == 0 || $v == 1 }    # 1.0 and 0.0 pass, on purpose
     return ('err', "$path: " . QelCodec::display('' . $v) . " is not a flag $expected");
 }
 
