@@ -207,7 +207,8 @@ with a fraction, NaN, infinities, references.
 
 =item bool fields
 
-C<1>, C<0>, C<"1">, C<"0">, C<"">, Perl's built-in booleans, and objects of
+C<1>, C<0> (also as the floating-point numbers 1.0 and 0.0), C<"1">,
+C<"0">, C<"">, Perl's built-in booleans, and objects of
 C<JSON::PP::Boolean> and C<Types::Serialiser::Boolean> (the true and false
 of L<JSON::PP> and L<JSON::XS>) and of L<boolean>, by their truth. Refused:
 any other number or text, C<"true"> and C<"false"> included, and other
