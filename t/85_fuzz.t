@@ -106,8 +106,8 @@ my @codec = run_ok('fuzz_calls --seed 13 --count 3000 --codec-only', 'fuzz_calls
 is_deeply [@codec[1, 4, 6]], [3000, 0, 3000], 'fuzz_calls --codec-only: 3000 calls, all of the codec, no pool';
 ok $codec[7] > 0 && $codec[7] < 3000, "fuzz_calls --codec-only: some calls raise exceptions ($codec[7]), not all";
 my $CALLS_NO_CODEC = qr/^fuzz_calls: seed (\d+), calls (\d+), exceptions (\d+), distinct texts (\d+), invariant checks (\d+), warnings (\d+), problems 0, elapsed [0-9.]+ s, \(\d+ calls\/s\)$/;
-my @plain = run_ok('fuzz_calls --seed 12 --count 2000 --no-codec', 'fuzz_calls.pl', [qw(--seed 12 --count 2000 --no-codec)],
+my @no_codec = run_ok('fuzz_calls --seed 12 --count 2000 --no-codec', 'fuzz_calls.pl', [qw(--seed 12 --count 2000 --no-codec)],
     $CALLS_NO_CODEC);
-is $plain[1], 2000, 'fuzz_calls --no-codec: 2000 calls, no codec counts';
+is $no_codec[1], 2000, 'fuzz_calls --no-codec: 2000 calls, no codec counts';
 
 done_testing;
