@@ -88,7 +88,7 @@ is_deeply \@plain, [$in1, $parsed1, $rejected1, $longest1], 'fuzz_wire --no-code
 # The call fuzzer: 10000 calls, twice with the same seed. Flags are given
 # no floating-point 1.0 and 0.0, which the codec accepts although the
 # documented flags are only integers, strings and booleans.
-my @OPTS = qw(--seed 12 --count 10000 --no-integral-float-flags);
+my @OPTS = qw(--seed 12 --count 10000);
 my @calls = run_ok('fuzz_calls --seed 12 --count 10000', 'fuzz_calls.pl', \@OPTS, $CALLS);
 is $calls[0], 12, 'fuzz_calls: the summary names the seed';
 is $calls[1], 10000, 'fuzz_calls: calls 10000';
@@ -102,7 +102,7 @@ is_deeply \@again, \@calls, 'fuzz_calls: the seed gives the same calls again';
 
 # Only codec calls; and none.
 my @codec = run_ok('fuzz_calls --seed 13 --count 3000 --codec-only', 'fuzz_calls.pl',
-    [qw(--seed 13 --count 3000 --codec-only --no-integral-float-flags)], $CALLS);
+    [qw(--seed 13 --count 3000 --codec-only)], $CALLS);
 is_deeply [@codec[1, 4, 6]], [3000, 0, 3000], 'fuzz_calls --codec-only: 3000 calls, all of the codec, no pool';
 ok $codec[7] > 0 && $codec[7] < 3000, "fuzz_calls --codec-only: some calls raise exceptions ($codec[7]), not all";
 my $CALLS_NO_CODEC = qr/^fuzz_calls: seed (\d+), calls (\d+), exceptions (\d+), distinct texts (\d+), invariant checks (\d+), warnings (\d+), problems 0, elapsed [0-9.]+ s, \(\d+ calls\/s\)$/;

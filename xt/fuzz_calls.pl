@@ -44,11 +44,6 @@ usage: perl -Mblib xt/fuzz_calls.pl [options]
                     call (they are given by default)
   --no-codec        make no calls of quillon_event_log::Codec (by default
                     one call in four is one of its functions)
-  --no-integral-float-flags
-                    give flag fields no floating-point 1.0 or 0.0 (the
-                    documented flags are the integers 1 and 0, the strings
-                    "1", "0" and "", and booleans; the codec takes these
-                    two floating-point values too)
   --codec-only      make only calls of quillon_event_log::Codec (its encode
                     and decode with random hashes and bytes, new, the option
                     accessors, wrong counts and invocants), for long runs
@@ -57,8 +52,7 @@ Exit status 0 when every call ended as documented and every invariant held,
 END
 
 my $opt = parse_options({ count => 10000, 'tied-hashes' => 1, reentrant => 1, codec => 1 }, $USAGE,
-    'messages!', 'tied-hashes!', 'reentrant!', 'codec!', 'codec-only', 'integral-float-flags!');
-$opt->{'integral-float-flags'} //= 1;
+    'messages!', 'tied-hashes!', 'reentrant!', 'codec!', 'codec-only');
 die "--codec-only and --no-codec exclude each other\n" if $opt->{'codec-only'} && !$opt->{codec};
 $| = 1;
 if ($opt->{codec}) { require quillon_event_log::Codec }
@@ -1402,7 +1396,7 @@ sub bool_spec {
     return S('iv', v => pick(0, 1))                            if $k == 7;
     return S('str', v => pick('true', 'false', 'yes', '01', ' 1', '1.0', '00', 'on')) if $k <= 9;
     return S('iv', v => pick(2, -1, 10))                       if $k == 10;
-    return S('nv', v => pick(0.5, 2.5, $opt->{'integral-float-flags'} ? (1.0, 0.0) : (-1.0, 3.0))) if $k == 11;
+    return S('nv', v => pick(0.5, 2.5, 1.0, 0.0, -1.0, 3.0)) if $k == 11;
     return S('undef')                                          if $k == 12;
     return wrong_kind();
 }
