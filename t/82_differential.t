@@ -56,16 +56,6 @@ my (%checked, %passed, %failed_first);
 my %stats = map { $_ => 0 } qw(empty full unknown long bytes longest);
 my @types = (0) x 6;    # unknown fields put in, by wire type
 
-# A fast exact comparison key of a hash form: keys sorted, every value as its
-# length and string form (as in hash_text, numbers compare by their digits).
-sub key_of {
-    my $v = shift;
-    my $type = ref $v;
-    return '{' . join('', map { length($_) . ":$_=" . key_of($v->{$_}) } sort keys %$v) . '}' if $type eq 'HASH';
-    return '[' . join('', map { key_of($_) } @$v) . ']' if $type eq 'ARRAY';
-    return 'u' unless defined $v;
-    return length($v) . ":$v";
-}
 
 # The bytes to hand a peer: an empty record packs to 16 zero bytes on
 # purpose, while its encoding is empty.
@@ -130,14 +120,14 @@ my $started = time;
 for my $i (1 .. $N) {
     my $g = QelRandom->new($SEED, $i);
     my $h = $g->record;
-    my $want = key_of($h);
+    my $want = hash_key($h);
     my (%r, $u);
     # The module logs strings that are not UTF-8 on standard error: quiet.
     quietly {
         local $SIG{__WARN__} = sub { push @warnings, "record $i: $_[0]" };
         my $rec = $PKG->new($h);
         my $got = $rec->to_hashref;
-        check('identity', $i, key_of($got) eq $want, sub {
+        check('identity', $i, hash_key($got) eq $want, sub {
             "to_hashref differs from the hash:\n  got      " . clip(hash_text($got), 4000) . "\n  expected " . clip(hash_text($h), 4000);
         });
 
@@ -158,7 +148,7 @@ for my $i (1 .. $N) {
             });
         }
         my $got2 = $rec2->to_hashref;
-        check('hidden', $i, key_of($got2) eq $want, sub {
+        check('hidden', $i, hash_key($got2) eq $want, sub {
             "to_hashref differs from the hash:\n  got      " . clip(hash_text($got2), 4000)
                 . "\n  expected " . clip(hash_text($h), 4000) . "\n  wire bytes: " . clip(hexs($u->{wire}), 2000);
         });
@@ -185,7 +175,7 @@ for my $i (1 .. $N) {
         my $bytes = $u->{long} ? $r{packed} : $r{packed2};
         my $decoded = eval { $PEER->decode($bytes) };
         my $err = $@;
-        check('peer_decode', $i, defined $decoded && key_of(peer_plain($decoded)) eq $want, sub {
+        check('peer_decode', $i, defined $decoded && hash_key(peer_plain($decoded)) eq $want, sub {
             return "the peer dies: $err  bytes: " . clip(hexs($bytes), 2000) unless defined $decoded;
             "the peer's reading differs:\n  got      " . clip(hash_text(peer_plain($decoded)), 4000)
                 . "\n  expected " . clip(hash_text($h), 4000) . "\n  bytes: " . clip(hexs($bytes), 2000);
@@ -197,7 +187,7 @@ for my $i (1 .. $N) {
             "the peer's bytes and pack differ: " . difference($theirs, $r{packed});
         });
         my $back = defined $theirs ? quietly { $PKG->new($theirs)->to_hashref } : undef;
-        check('peer_encode', $i, defined $back && key_of($back) eq $want, sub {
+        check('peer_encode', $i, defined $back && hash_key($back) eq $want, sub {
             return "the peer dies: $err" unless defined $theirs;
             "new reads the peer's bytes otherwise:\n  got      " . clip(hash_text($back), 4000)
                 . "\n  expected " . clip(hash_text($h), 4000) . "\n  bytes: " . clip(hexs($theirs), 2000);

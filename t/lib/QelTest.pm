@@ -30,12 +30,12 @@ our @EXPORT_OK = qw(
     quietly vlen string_fit string_for pattern_bytes
     record_hash_of_length sweep_lengths unknown_field_samples
     protoc_skip_reason run_protoc protoc_decode_batch protoc_encode_batch
-    perl_peer_skip_reason perl_peer peer_plain hash_text
+    perl_peer_skip_reason perl_peer peer_plain hash_text hash_key
 );
 our %EXPORT_TAGS = (
     sweep => [qw(quietly vlen string_fit string_for pattern_bytes record_hash_of_length sweep_lengths unknown_field_samples)],
     peers => [qw(protoc_skip_reason run_protoc protoc_decode_batch protoc_encode_batch
-                 perl_peer_skip_reason perl_peer peer_plain hash_text)],
+                 perl_peer_skip_reason perl_peer peer_plain hash_text hash_key)],
 );
 $EXPORT_TAGS{all} = [@EXPORT, @EXPORT_OK];
 
@@ -1001,6 +1001,18 @@ sub peer_plain {
     return { map { $_ => peer_plain($v->{$_}) } keys %$v } if $type eq 'HASH';
     return [ map { peer_plain($_) } @$v ] if $type eq 'ARRAY';
     return $v;
+}
+
+# hash_key($value [, $flags]): a fast exact comparison key of a hash form:
+# keys sorted, every value as its length and string form (numbers compare by
+# their digits); with $flags true a string's UTF-8 flag counts too.
+sub hash_key {
+    my ($v, $flags) = @_;
+    my $type = ref $v;
+    return '{' . join('', map { length($_) . ":$_=" . hash_key($v->{$_}, $flags) } sort keys %$v) . '}' if $type eq 'HASH';
+    return '[' . join('', map { hash_key($_, $flags) } @$v) . ']' if $type eq 'ARRAY';
+    return 'u' unless defined $v;
+    return ($flags && utf8::is_utf8($v) ? 'c' : '') . length($v) . ":$v";
 }
 
 # hash_text($hash): a record in the hash form (or any nest of hashes, arrays
