@@ -13,60 +13,14 @@ use warnings;
 use Time::HiRes qw(time);
 use quillon_event_log::QuillonEventLog;
 use quillon_event_log::Codec qw(encode_event decode_event);
+use FindBin;
+use lib "$FindBin::Bin/lib";
+use QelBench qw(%typical %small %large);
 
 my $N      = shift // 5_000;
 my $ROUNDS = shift // 11;
 my $CLASS  = 'quillon_event_log::QuillonEventLog';
 
-my %typical = (
-    bot_name                           => 'curl',
-    profile_name                       => 'bot-defense-strict',
-    virtual_server_name                => '/Common/vs_shop_https',
-    client_ip                          => { ip0 => 0, ip1 => 0, ip2 => 0, ip3 => 0xcb00712d, rtdom_id => 0 },
-    dest_ip                            => { ip0 => 0, ip1 => 0, ip2 => 0, ip3 => 0x0a000005, rtdom_id => 2 },
-    request_uri                        => '/api/v2/cart/checkout?session=abc123&step=2&currency=EUR&ref=mail',
-    http_request                       => "GET /api/v2/cart/checkout?session=abc123&step=2&currency=EUR&ref=mail HTTP/1.1\r\n"
-                                        . "Host: shop.example.com\r\nUser-Agent: curl/7.88.1\r\nAccept: */*\r\n"
-                                        . "Accept-Encoding: gzip, deflate, br\r\nConnection: keep-alive\r\n"
-                                        . "Cookie: TS01a2b3c4=0123456789abcdef0123456789abcdef; session=abc123\r\n"
-                                        . "X-Forwarded-For: 203.0.113.45\r\n\r\n",
-    bot_signature                      => 'curl',
-    configured_mitigation_action_reason => 'Signature matched a malicious bot',
-    actual_mitigation_action_reason    => 'Signature matched a malicious bot',
-    reason                             => 'Known bot signature',
-    src_port                           => 51234,
-    dest_port                          => 443,
-    device_id                          => '1234567890123',
-    session_id                         => '18446744073709551557',
-    support_id                         => '9876543210987654321',
-    previous_support_id                => '9876543210987654320',
-    mobile_is_app                      => 0,
-    request_time                       => 1795000000,
-    previous_request_time              => 1794999990,
-    http_method                        => 'GET',
-    country_code                       => 'US',
-    classification                     => 'Malicious Bot',
-    bot_signature_category             => 'HTTP Library',
-    captcha_status                     => 'not_received',
-    browser_verification_status        => 'not_verified',
-    device_id_status                   => 'none',
-    anomaly_categories                 => ['Suspicious HTTP Headers', 'Automation Tool'],
-    anomalies                          => ['Missing Accept-Language header', 'Known bot User-Agent'],
-    configured_mitigation_action       => 'block',
-    actual_mitigation_action           => 'block',
-    is_https_request                   => 1,
-    host                               => 'shop.example.com',
-    request_status                     => 'blocked',
-    enforced_by                        => 'bot-defense',
-);
-my %small = (
-    bot_name    => 'curl',
-    client_ip   => { ip0 => 0, ip1 => 0, ip2 => 0, ip3 => 0xcb00712d, rtdom_id => 0 },
-    src_port    => 51234,
-    request_uri => '/login',
-    actual_mitigation_action => 'block',
-);
-my %large = (%typical, http_request => $typical{http_request} . ('x' x (16 * 1024)));
 my @SHAPES = ([typical => \%typical], [small => \%small], [large => \%large]);
 
 my $json   = eval { require JSON::XS; JSON::XS->new };
