@@ -457,9 +457,13 @@ C<decode_event($bytes)>, which dies with the byte offset of the fault.
 =item C<to_hashref> on an empty handle returns a null
 
 After an explicit C<DESTROY>, C<to_hashref> returns a null result, which
-reads as C<undef> in scalar context but may crash Perl where a list is
-consumed (C<my @h = ...>, C<map>, C<for>). Safe: read it into a scalar and
-test it with C<defined>, or do not call methods on destroyed objects.
+reads as C<undef> in plain scalar assignment but may crash Perl where a
+list is consumed (C<my @h = ...>, C<map>, C<for>) and as the value of an
+C<eval> block (C<my $h = eval { $obj-E<gt>to_hashref }>). Safe: test the
+object first (C<< $obj->length >> and C<< defined $obj->pack >> answer on an
+empty handle), assign the result straight to a scalar, or use
+L<quillon_event_log::Codec>, whose C<decode_event> always returns a hash
+reference or dies.
 
 =item C<discard_unkown_fields> is spelt so
 
