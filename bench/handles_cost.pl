@@ -10,7 +10,7 @@
 # Run: perl bench/handles_cost.pl [--callgrind] BEFORE/blib AFTER/blib [rounds] [calls]
 use strict;
 use warnings;
-use File::Spec ();
+use Cwd ();
 
 my $CALLGRIND = @ARGV && $ARGV[0] eq '--callgrind' ? shift : undef;
 my ($before, $after, $ROUNDS, $N) = @ARGV;
@@ -56,7 +56,7 @@ my $empty = $ns{'empty loop'};
 printf "%s\t%.3f\n", $_->[0], $ns{ $_->[0] } - $empty for @cases[1 .. $#cases];
 PERL
 
-my %builds = (before => File::Spec->rel2abs($before), after => File::Spec->rel2abs($after));
+my %builds = (before => Cwd::abs_path($before), after => Cwd::abs_path($after));
 
 if ($CALLGRIND) {
     require File::Temp;

@@ -1174,17 +1174,17 @@ sub check_pool_record {
 # ---- the codec -------------------------------------------------------------------
 #
 # Calls of quillon_event_log::Codec (encode_event, decode_event, new, encode,
-# decode and the option accessors). Each argument is made from a spec, a
+# decode and the option accessors). Each argument is made from a recipe, a
 # description of the Perl value (its kind, content and magic) from which both
 # the value and the codec's documented outcome are worked out, so the model
 # never reads the value itself (that would run its FETCH or change its flags).
 #
-# Specs: {t => 'undef'}, {t => 'str', v => $s}, {t => 'iv', v => $n},
+# Recipes: {t => 'undef'}, {t => 'str', v => $s}, {t => 'iv', v => $n},
 # {t => 'nv', v => $n}, {t => 'glob'}, {t => 'ref', make => $code},
 # {t => 'boolobj', make => $code, truth => 0|1}, {t => 'dies'} (a tied scalar
-# whose FETCH dies), {t => 'tied', inner => $spec, n => \$fetches},
-# {t => 'hash', keys => [[$key, $spec], ...], bless => $class, how =>
-# 'plain'|'tied'|'locked'}, {t => 'array', elems => [$spec or undef for a
+# whose FETCH dies), {t => 'tied', inner => $recipe, n => \$fetches},
+# {t => 'hash', keys => [[$key, $recipe], ...], bless => $class, how =>
+# 'plain'|'tied'|'locked'}, {t => 'array', elems => [$recipe or undef for a
 # hole, ...], trailing => $holes, bless => $class}.
 
 my $CODEC = 'quillon_event_log::Codec';
@@ -1216,11 +1216,11 @@ sub codec_objects {
     return @CODEC_OBJ;
 }
 
-# ---- specs: making the values ---------------------------------------------------
+# ---- recipes: making the values ---------------------------------------------------
 
 sub S { my ($t, %a) = @_; return { t => $t, %a } }
 
-# put(\$slot, $spec): stores the value of $spec in the slot (ties it for the
+# put(\$slot, $recipe): stores the value of $recipe in the slot (ties it for the
 # magical kinds).
 sub put {
     my ($slot, $s) = @_;
@@ -1236,7 +1236,7 @@ sub put {
     $$slot = value_of($s);
 }
 
-# value_of($spec): a new plain value for a spec of a kind that is not magical.
+# value_of($recipe): a new plain value for a recipe of a kind that is not magical.
 sub value_of {
     my $s = shift;
     my $t = $s->{t};
@@ -1267,16 +1267,16 @@ sub value_of {
         $#a = $i - 1 + $s->{trailing};
         return $s->{bless} ? bless(\@a, $s->{bless}) : \@a;
     }
-    die "no value for a spec of kind $t\n";
+    die "no value for a recipe of kind $t\n";
 }
 
-# The tied specs under a spec (whose fetches are counted).
-sub tied_specs {
+# The tied recipes under a recipe (whose fetches are counted).
+sub tied_recipes {
     my $s = shift;
     return () unless ref $s eq 'HASH';
-    return ($s, tied_specs($s->{inner})) if $s->{t} eq 'tied';
-    return map { tied_specs($_) } values %{ keys_of($s) } if $s->{t} eq 'hash';
-    return map { tied_specs($_) } grep { defined } @{ $s->{elems} } if $s->{t} eq 'array';
+    return ($s, tied_recipes($s->{inner})) if $s->{t} eq 'tied';
+    return map { tied_recipes($_) } values %{ keys_of($s) } if $s->{t} eq 'hash';
+    return map { tied_recipes($_) } grep { defined } @{ $s->{elems} } if $s->{t} eq 'array';
     return ();
 }
 
@@ -1303,7 +1303,7 @@ sub snapshot {
     return "$flags:$copy";
 }
 
-# ---- specs: random ones -------------------------------------------------------------
+# ---- recipes: random ones -------------------------------------------------------------
 
 my @BAD_NUMBER_TEXTS = ('-1', '+1', ' 3', '3 ', '0x10', '1e3', '1.5', '', '12abc', 'abc', "1\n", 'true',
                         '0 but true', '0E0', '-0', "\x{ff11}\x{ff12}", 'NaN', 'inf', '٣', "\xe92",
@@ -1334,7 +1334,7 @@ sub maybe_tied {
 sub ascii_word { pick('curl', 'block', 'GET', '/login', 'Malicious Bot', 'NZ', '', 'a b', 'x' x (1 + rint(60)), "tab\there") }
 
 # A string value: valid for the options when $good, anything otherwise.
-sub string_spec {
+sub string_recipe {
     my ($o, $good) = @_;
     my $k = rint($good ? 12 : 20);
     return maybe_tied(S('str', v => ascii_word()))                         if $k <= 3;
@@ -1359,7 +1359,7 @@ sub string_spec {
 }
 
 # A uint32 or uint64 value.
-sub number_spec {
+sub number_recipe {
     my ($max, $good) = @_;
     my $big = $max eq $U64_MAX;
     my $k = rint($good ? 10 : 18);
@@ -1386,7 +1386,7 @@ sub bool_object {
     return S('str', v => $truth ? '1' : '0');
 }
 
-sub bool_spec {
+sub bool_recipe {
     my $good = shift;
     my $k = rint($good ? 8 : 14);
     return maybe_tied(S('iv', v => rint(2)))                   if $k <= 1;
@@ -1427,7 +1427,7 @@ sub unknown_bytes {
 }
 
 # An `_unknown` value of a level.
-sub unknown_spec {
+sub unknown_recipe {
     my ($address, $good) = @_;
     my $k = rint($good ? 6 : 10);
     if ($k <= 5) {
@@ -1479,17 +1479,17 @@ sub unknown_key {
     return $n;
 }
 
-sub address_spec {
+sub address_recipe {
     my ($o, $good) = @_;
     my $k = rint($good ? 10 : 14);
     if ($k <= 6 || ($k <= 8 && $o->{addresses} ne 'text')) {
         my @keys;
         for my $w (@ADDR) {
             next unless chance(4) || $k <= 2;
-            push @keys, [$w, $good || !chance(4) ? number_spec($U32_MAX, 1) : number_spec($U32_MAX, 0)];
+            push @keys, [$w, $good || !chance(4) ? number_recipe($U32_MAX, 1) : number_recipe($U32_MAX, 0)];
             $keys[-1][1] = S('iv', v => rint(1000)) if $good && $keys[-1][1]{t} =~ /^(undef)$/ && 0;
         }
-        push @keys, ['_unknown', unknown_spec(1, $good || !chance(3))] if chance(6);
+        push @keys, ['_unknown', unknown_recipe(1, $good || !chance(3))] if chance(6);
         push @keys, [unknown_key(@ADDR_KEYS), S('iv', v => 1)] if !$good && chance(3);
         @keys = map { $keys[$_] } sort { (rint(3) - 1) || $a <=> $b } 0 .. $#keys;
         return S('hash', keys => \@keys, how => pick('plain', 'plain', 'plain', 'tied', 'locked'),
@@ -1510,11 +1510,11 @@ sub address_spec {
     return wrong_kind();
 }
 
-sub list_spec {
+sub list_recipe {
     my ($o, $good) = @_;
     my $k = rint($good ? 10 : 14);
     if ($k <= 9 || $k == 13) {
-        my @e = map { string_spec($o, $good || !chance(3)) } 0 .. rint(5);
+        my @e = map { string_recipe($o, $good || !chance(3)) } 0 .. rint(5);
         @e = () if chance(10);
         if (!$good) {
             $e[ rint(@e + 1) ] = undef if chance(3);    # a hole
@@ -1529,21 +1529,21 @@ sub list_spec {
     return wrong_kind();
 }
 
-sub field_spec {
+sub field_recipe {
     my ($name, $o, $good) = @_;
     my $kind = $KIND_OF{$name};
-    my $s = $kind eq 'string'  ? string_spec($o, $good)
-          : $kind eq 'uint32'  ? number_spec($U32_MAX, $good)
-          : $kind eq 'uint64'  ? number_spec($U64_MAX, $good)
-          : $kind eq 'bool'    ? bool_spec($good)
-          : $kind eq 'address' ? address_spec($o, $good)
-          :                      list_spec($o, $good);
-    # Valid specs of the string family may still be wrong for the options.
+    my $s = $kind eq 'string'  ? string_recipe($o, $good)
+          : $kind eq 'uint32'  ? number_recipe($U32_MAX, $good)
+          : $kind eq 'uint64'  ? number_recipe($U64_MAX, $good)
+          : $kind eq 'bool'    ? bool_recipe($good)
+          : $kind eq 'address' ? address_recipe($o, $good)
+          :                      list_recipe($o, $good);
+    # Valid recipes of the string family may still be wrong for the options.
     return $s;
 }
 
-# record_spec($o): a hash argument for encode, mostly valid.
-sub record_spec {
+# record_recipe($o): a hash argument for encode, mostly valid.
+sub record_recipe {
     my $o = shift;
     my $good = chance(3) ? 0 : 1;
     my @keys;
@@ -1552,9 +1552,9 @@ sub record_spec {
     for (1 .. $n) {
         my $name = pick(@NAMES);
         next if $used{$name}++;
-        push @keys, [$name, field_spec($name, $o, $good || !chance(4))];
+        push @keys, [$name, field_recipe($name, $o, $good || !chance(4))];
     }
-    push @keys, ['_unknown', unknown_spec(0, $good || !chance(3))] if chance(5);
+    push @keys, ['_unknown', unknown_recipe(0, $good || !chance(3))] if chance(5);
     push @keys, [unknown_key(@KNOWN_KEYS), S('str', v => 'x')] if !$good && chance(3);
     push @keys, [unknown_key(@KNOWN_KEYS), S('dies')] if !$good && chance(10);
     my $how = pick(('plain') x 8, 'tied', 'locked');
@@ -1565,10 +1565,10 @@ sub record_spec {
 # ---- the model of encode ------------------------------------------------------------
 
 # Each model function returns ('ok', ...), ('err', $text) or ('die', $text),
-# and notes the tied specs it fetches in @FETCHED.
+# and notes the tied recipes it fetches in @FETCHED.
 my @FETCHED;
 
-sub fetch_spec {
+sub fetch_recipe {
     my $s = shift;
     while ($s->{t} eq 'tied') { push @FETCHED, $s; $s = $s->{inner} }
     return $s;
@@ -1584,15 +1584,15 @@ sub desc_of {
     if ($t eq 'ref' || $t eq 'boolobj') { my @d = QelCodec::describe($s->{make}->()); return $d[-1] }
     return $s->{bless} ? "a $s->{bless} object" : 'a hash reference' if $t eq 'hash';
     return $s->{bless} ? "a $s->{bless} object" : 'an array reference' if $t eq 'array';
-    die "no description of a spec of kind $t\n";
+    die "no description of a recipe of kind $t\n";
 }
 
-sub text_of_spec { my $s = shift; my $v = $s->{v}; return "$v" }
+sub text_of_recipe { my $s = shift; my $v = $s->{v}; return "$v" }
 
-sub is_hash_spec { my $s = shift; return $s->{t} eq 'hash' || ($s->{t} eq 'ref' && reftype($s->{make}->()) eq 'HASH') }
+sub is_hash_recipe { my $s = shift; return $s->{t} eq 'hash' || ($s->{t} eq 'ref' && reftype($s->{make}->()) eq 'HASH') }
 
-# as_container($spec): a reference made by a 'ref' spec as the hash or array
-# spec of what it holds (an empty hash, an object of a hash, [1]).
+# as_container($recipe): a reference made by a 'ref' recipe as the hash or array
+# recipe of what it holds (an empty hash, an object of a hash, [1]).
 sub as_container {
     my $s = shift;
     return $s unless $s->{t} eq 'ref';
@@ -1668,7 +1668,7 @@ sub model_string {
 # `_unknown` of a level: ('ok', [[pos, bytes], ...]) or an error.
 sub model_unknown {
     my ($s, $path, $address, $depth) = @_;
-    $s = fetch_spec($s);
+    $s = fetch_recipe($s);
     return ('die', $FETCH_DIED) if $s->{t} eq 'dies';
     return ('ok', []) if $s->{t} eq 'undef';
     return ('err', "$path: expected an array reference, got " . desc_of($s)) unless $s->{t} eq 'array' || ($s->{t} eq 'ref' && reftype($s->{make}->()) eq 'ARRAY');
@@ -1680,10 +1680,10 @@ sub model_unknown {
         my $e = $elems[$i];
         my $p = "$path\[$i]";
         return ('err', "$p: expected a string, got undef") unless defined $e;
-        $e = fetch_spec($e);
+        $e = fetch_recipe($e);
         return ('die', $FETCH_DIED) if $e->{t} eq 'dies';
         return ('err', "$p: expected a string, got " . desc_of($e)) if $e->{t} ne 'str' && $e->{t} ne 'iv' && $e->{t} ne 'nv';
-        my $text = text_of_spec($e);
+        my $text = text_of_recipe($e);
         my $bytes_text = $text;
         utf8::encode($bytes_text) if utf8::is_utf8($bytes_text);
         my ($pos, $hex) = $bytes_text =~ /\A([0-9]+):((?:[0-9a-fA-F]{2})+)\z/;
@@ -1701,7 +1701,7 @@ sub model_unknown {
     return ('ok', \@runs);
 }
 
-# The keys a hash spec has, as a hash of key => spec (the last of a key
+# The keys a hash recipe has, as a hash of key => recipe (the last of a key
 # given twice).
 sub keys_of { my $s = shift; return { map { ($_->[0] => $_->[1]) } @{ $s->{keys} } } }
 
@@ -1736,13 +1736,13 @@ sub weave {
 sub varint { QelCodec::encode_varint($_[0]) }
 sub ld { my ($num, $payload) = @_; varint(($num << 3) | 2) . varint(length $payload) . $payload }
 
-# model_address($spec, $name, $o): ('ok', $payload, $decoded) or an error.
+# model_address($recipe, $name, $o): ('ok', $payload, $decoded) or an error.
 sub model_address {
     my ($s, $name, $o) = @_;
-    if (!is_hash_spec($s)) {
+    if (!is_hash_recipe($s)) {
         return ('err', "$name: expected a hash reference, got " . desc_of($s)) unless $o->{addresses} eq 'text';
         return ('err', "$name: expected an address text or a hash reference, got " . desc_of($s)) if $s->{t} !~ /^(str|iv|nv)$/;
-        my $text = text_of_spec($s);
+        my $text = text_of_recipe($s);
         my $a = QelCodec::parse_address_text($text);
         unless ($a) {
             return ('err', "$name: invalid address text " . QelCodec::display($text, 64));
@@ -1761,7 +1761,7 @@ sub model_address {
     my (@items, %words);
     for my $w (@ADDR) {
         next unless exists $keys->{$w};
-        my $v = fetch_spec($keys->{$w});
+        my $v = fetch_recipe($keys->{$w});
         return ('die', $FETCH_DIED) if $v->{t} eq 'dies';
         next if $v->{t} eq 'undef';
         my @r = model_number($v, "$name.$w", $U32_MAX);
@@ -1778,15 +1778,15 @@ sub model_address {
     return ('ok', $payload, $decoded);
 }
 
-# model_encode($spec, $o): ('ok', $bytes, $decoded_hash, $class_same) or an
+# model_encode($recipe, $o): ('ok', $bytes, $decoded_hash, $class_same) or an
 # error; $class_same tells whether the record class reads the hash the same
 # way (so that its pack gives the same bytes).
 sub model_encode {
     my ($s, $o) = @_;
     @FETCHED = ();
-    $s = fetch_spec($s);
+    $s = fetch_recipe($s);
     return ('die', $FETCH_DIED) if $s->{t} eq 'dies';
-    return ('err', 'expected a hash reference, got ' . desc_of($s)) unless is_hash_spec($s);
+    return ('err', 'expected a hash reference, got ' . desc_of($s)) unless is_hash_recipe($s);
     $s = as_container($s);
     my $keys = keys_of($s);
     my $same = $s->{how} ne 'tied' && !$s->{bless} && !$o->{characters} && $o->{addresses} eq 'hash';
@@ -1802,7 +1802,7 @@ sub model_encode {
         next unless exists $keys->{$name};
         my $raw = $keys->{$name};
         $same = 0 if $raw->{t} eq 'tied';
-        my $v = fetch_spec($raw);
+        my $v = fetch_recipe($raw);
         return ('die', $FETCH_DIED) if $v->{t} eq 'dies';
         if ($v->{t} eq 'undef') { $same = 0; next }
         my $kind = $KIND_OF{$name};
@@ -1844,7 +1844,7 @@ sub model_encode {
             for my $i (0 .. $#elems) {
                 return ('err', "$name\[$i]: expected a string, got undef") unless defined $elems[$i];
                 $same = 0 if $elems[$i]{t} eq 'tied';
-                my $e = fetch_spec($elems[$i]);
+                my $e = fetch_recipe($elems[$i]);
                 return ('die', $FETCH_DIED) if $e->{t} eq 'dies';
                 return ('err', "$name\[$i]: expected a string, got undef") if $e->{t} eq 'undef';
                 my @r = model_string($e, "$name\[$i]", $o);
@@ -1910,7 +1910,7 @@ sub codec_try {
     return ('', @r);
 }
 
-sub spec_desc {
+sub recipe_desc {
     my $s = shift;
     require Data::Dumper;
     no warnings 'once';
@@ -1935,9 +1935,9 @@ sub spec_desc {
 }
 
 sub check_fetches {
-    my ($what, $spec, $done) = @_;
+    my ($what, $recipe, $done) = @_;
     my %fetched = map { (refaddr($_) => 1) } @FETCHED;
-    for my $t (tied_specs($spec)) {
+    for my $t (tied_recipes($recipe)) {
         my $n = ${ $t->{n} };
         my $want = $fetched{ refaddr $t } ? 1 : 0;
         next if $n == $want;
@@ -1951,18 +1951,18 @@ sub codec_encode_call {
     my @objs = codec_objects();
     my $which = rint(9);
     my ($o, $c) = $which == 8 ? (\%DEFAULT_OPTS, undef) : ($CODEC_OPTS[$which], $objs[$which]);
-    my $spec = chance(25) ? pick(wrong_kind(), S('undef'), S('str', v => 'x'), S('iv', v => 1), S('array', elems => [], trailing => 0))
-                          : record_spec($o);
+    my $recipe = chance(25) ? pick(wrong_kind(), S('undef'), S('str', v => 'x'), S('iv', v => 1), S('array', elems => [], trailing => 0))
+                          : record_recipe($o);
     my $arg;
-    put(\$arg, $spec);
+    put(\$arg, $recipe);
     my $before = snapshot($arg);
-    my @expect = model_encode($spec, $o);
+    my @expect = model_encode($recipe, $o);
     my $fname = $c ? 'encode' : 'encode_event';
     my $what = sub { ($c ? "$CODEC->new(" . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')->encode' : 'encode_event')
-        . '(' . spec_desc($spec) . ')' };    # made only when needed: it takes longer than the call
+        . '(' . recipe_desc($recipe) . ')' };    # made only when needed: it takes longer than the call
     print "call $CALLS: ", $what->(), "\n" if $opt->{trace};
     my ($err, $bytes) = codec_try(sub { $c ? $c->encode($arg) : quillon_event_log::Codec::encode_event($arg) }, 1);
-    check_fetches($what, $spec, $err eq '');
+    check_fetches($what, $recipe, $err eq '');
     my $after = snapshot($arg);
     codec_problem($what, "the argument changed:\n  before $before\n  after  $after") if $before ne $after;
     if ($expect[0] ne 'ok') {
@@ -1991,13 +1991,13 @@ sub codec_encode_call {
 }
 
 # Bytes to decode: a valid encoding, a cut or changed one, random bytes.
-sub decode_spec {
+sub decode_recipe {
     my $o = shift;
     my $k = rint(14);
     if ($k <= 6) {
-        my $spec;
+        my $recipe;
         my @r;
-        for (1 .. 5) { $spec = record_spec($o); @r = model_encode($spec, $o); last if $r[0] eq q(ok) }
+        for (1 .. 5) { $recipe = record_recipe($o); @r = model_encode($recipe, $o); last if $r[0] eq q(ok) }
         my $b = $r[0] eq 'ok' ? $r[1] : '';
         $b = substr $b, 0, rint(length($b) + 1) if $k == 5;
         if ($k == 6 && length $b) { vec($b, rint(length($b) * 8), 1) ^= 1 }
@@ -2017,20 +2017,20 @@ sub codec_decode_call {
     my @objs = codec_objects();
     my $which = rint(9);
     my ($o, $c) = $which == 8 ? (\%DEFAULT_OPTS, undef) : ($CODEC_OPTS[$which], $objs[$which]);
-    my $spec = decode_spec($o);
+    my $recipe = decode_recipe($o);
     my $arg;
-    put(\$arg, $spec);
+    put(\$arg, $recipe);
     @FETCHED = ();
-    my $s = fetch_spec($spec);
+    my $s = fetch_recipe($recipe);
     my $what = sub { ($c ? "$CODEC->new(" . join(', ', map { "$_ => $o->{$_}" } sort keys %$o) . ')->decode' : 'decode_event')
-        . '(' . spec_desc($spec) . ')' };
+        . '(' . recipe_desc($recipe) . ')' };
     print "call $CALLS: ", $what->(), "\n" if $opt->{trace};
     my @expect;
     my $bytes;
     if ($s->{t} eq 'dies') { @expect = ($FETCH_DIED) }
     elsif ($s->{t} !~ /^(str|iv|nv)$/) { @expect = ('expected a byte string, got ' . desc_of($s)) }
     else {
-        $bytes = text_of_spec($s);
+        $bytes = text_of_recipe($s);
         if (utf8::is_utf8($bytes) && $bytes =~ /[^\x00-\xFF]/) { @expect = ('wide character in the bytes to decode') }
         else {
             utf8::downgrade($bytes) if utf8::is_utf8($bytes);
@@ -2039,7 +2039,7 @@ sub codec_decode_call {
         }
     }
     my ($err, $h) = codec_try(sub { $c ? $c->decode($arg) : quillon_event_log::Codec::decode_event($arg) }, 1);
-    check_fetches($what, $spec, 1);
+    check_fetches($what, $recipe, 1);
     return codec_problem($what, ($err eq '' ? 'returned' : "died of '$err'") . ', expected ' . ($expect[0] eq '' ? 'a hash' : "'$expect[0]'"))
         if $err ne $expect[0];
     return if $err ne '';
