@@ -17,29 +17,21 @@ U32 unknown_key_hash = 0;
 
 namespace {
 
-constexpr unsigned wire_type_of(Family family) {
-    return family == Family::UInt32 || family == Family::UInt64 || family == Family::Bool ? kVarint
-                                                                                          : kLengthDelimited;
-}
-
-// Field numbers and full names come from the message's descriptor, as in the
-// wire reader, so the .proto stays the one place they are written.  The
-// tables live for the whole process.
+// Field numbers and full names come from the descriptor (descriptor_of).
+// The tables live for the whole process.
 template <class Msg, size_t N> const Level *build_level(const FieldInfo<Msg> (&fields)[N], const U32 *hashes) {
-    const google::protobuf::Descriptor *descriptor = Msg::descriptor();
     auto *out = new Field[N];
     uint32_t numbers = 0;
     size_t address_slot = 0;
     for (size_t i = 0; i < N; ++i) {
-        const google::protobuf::FieldDescriptor *fd = descriptor->FindFieldByName(fields[i].name);
-        GOOGLE_CHECK(fd != nullptr) << "no field " << fields[i].name << " in " << descriptor->full_name();
+        const google::protobuf::FieldDescriptor &fd = descriptor_of(fields[i]);
         Field &f = out[i];
         f.name = fields[i].name;
         f.len = fields[i].len;
         f.family = fields[i].family;
         f.wire_type = wire_type_of(f.family);
-        f.number = static_cast<uint32_t>(fd->number());
-        f.full_name = fd->full_name().c_str();
+        f.number = static_cast<uint32_t>(fd.number());
+        f.full_name = fd.full_name().c_str();
         f.slot = f.family == Family::Address ? address_slot++ : 0;
         const uint64_t tag = (static_cast<uint64_t>(f.number) << 3) | f.wire_type;
         f.tag_len = static_cast<unsigned>(put_varint(reinterpret_cast<char *>(f.tag), tag) -

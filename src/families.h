@@ -10,6 +10,9 @@
 #include <cstdint>
 #include <string>
 
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/stubs/logging.h>
+
 #include "fields.h"
 #include "quillon_event_log.pb.h"
 
@@ -99,6 +102,21 @@ template <class Ops, class Msg> inline const Ops &ops_of(const FieldInfo<Msg> &f
         [](const M &m, int i) -> const std::string & { return m.f(i); }, \
         [](M &m) { return m.add_##f(); },                             \
         "Usage: quillon_event_log::QuillonEventLog::" #f "(CLASS, [index])"}
+
+// The wire type a field of `family` is written with: varint (0) for numbers
+// and flags, length-delimited (2) for strings, addresses and list elements.
+constexpr unsigned wire_type_of(Family family) {
+    return family == Family::UInt32 || family == Family::UInt64 || family == Family::Bool ? 0 : 2;
+}
+
+// A field's descriptor, found by its name.  Field numbers and full names are
+// taken from there, so the .proto stays the one place they are written.
+template <class Msg> const google::protobuf::FieldDescriptor &descriptor_of(const FieldInfo<Msg> &f) {
+    const google::protobuf::Descriptor *message = Msg::descriptor();
+    const google::protobuf::FieldDescriptor *fd = message->FindFieldByName(f.name);
+    GOOGLE_CHECK(fd != nullptr) << "no field " << f.name << " in " << message->full_name();
+    return *fd;
+}
 
 #define QEL_COUNT_FIELD(f, family) +1
 constexpr size_t kRecordFieldCount = 0 QEL_RECORD_FIELDS(QEL_COUNT_FIELD);

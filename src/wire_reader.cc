@@ -39,15 +39,13 @@ struct Slot {
 // the one place where they are written; the table is built once per process,
 // on the first parse.
 template <class Msg, size_t N> std::vector<Slot> slots_by_number(const FieldInfo<Msg> (&fields)[N]) {
-    const google::protobuf::Descriptor *descriptor = Msg::descriptor();
     std::vector<Slot> slots;
     for (const auto &f : fields) {
-        const google::protobuf::FieldDescriptor *fd = descriptor->FindFieldByName(f.name);
-        GOOGLE_CHECK(fd != nullptr) << "no field " << f.name << " in " << descriptor->full_name();
-        const auto number = static_cast<size_t>(fd->number());
+        const google::protobuf::FieldDescriptor &fd = descriptor_of(f);
+        const auto number = static_cast<size_t>(fd.number());
         if (slots.size() <= number)
             slots.resize(number + 1);
-        slots[number] = Slot{f.family, f.ops, fd->full_name().c_str()};
+        slots[number] = Slot{f.family, f.ops, fd.full_name().c_str()};
     }
     return slots;
 }
@@ -56,12 +54,6 @@ template <class Msg, size_t N> std::vector<Slot> slots_by_number(const FieldInfo
 template <class Msg, size_t N> const std::vector<Slot> &slots_of(const FieldInfo<Msg> (&fields)[N]) {
     static const std::vector<Slot> table = slots_by_number(fields);
     return table;
-}
-
-constexpr WireFormatLite::WireType wire_type_of(Family family) {
-    return family == Family::UInt32 || family == Family::UInt64 || family == Family::Bool
-               ? WireFormatLite::WIRETYPE_VARINT
-               : WireFormatLite::WIRETYPE_LENGTH_DELIMITED;
 }
 
 // A length-delimited value.  The common case, a value wholly inside the
@@ -217,7 +209,7 @@ template <class Msg> bool read_message(CodedInputStream &in, Msg &m, const std::
         const auto number = static_cast<size_t>(WireFormatLite::GetTagFieldNumber(tag));
         if (number < table.size()) {
             const Slot &slot = table[number];
-            if (slot.ops && WireFormatLite::GetTagWireType(tag) == wire_type_of(slot.family)) {
+            if (slot.ops && static_cast<unsigned>(WireFormatLite::GetTagWireType(tag)) == wire_type_of(slot.family)) {
                 if (!read_value(in, m, slot))
                     return false;
                 continue;
