@@ -11,8 +11,6 @@
 namespace qel {
 namespace codec {
 
-const Level *record_level = nullptr;
-const Level *address_level = nullptr;
 U32 unknown_key_hash = 0;
 
 namespace {
@@ -45,25 +43,25 @@ template <class Msg, size_t N> const Level *build_level(const FieldInfo<Msg> (&f
     return new Level{out, N, hashes, by_number, numbers};
 }
 
-bool build_tables() {
-    record_level = build_level(kRecordFields, record_key_hash);
-    address_level = build_level(kAddressFields, address_key_hash);
+Levels build_levels() {
+    const Levels built{build_level(kRecordFields, record_key_hash), build_level(kAddressFields, address_key_hash)};
     // The address hash holds numbers only, and the decoder keeps its
     // presence bits in one word.
-    for (size_t i = 0; i < address_level->count; ++i)
-        GOOGLE_CHECK(address_level->fields[i].family == Family::UInt32)
-            << "address field " << address_level->fields[i].name << " is not a uint32";
-    GOOGLE_CHECK(address_level->count <= 32);
-    return true;
+    for (size_t i = 0; i < built.address->count; ++i)
+        GOOGLE_CHECK(built.address->fields[i].family == Family::UInt32)
+            << "address field " << built.address->fields[i].name << " is not a uint32";
+    GOOGLE_CHECK(built.address->count <= 32);
+    return built;
 }
 
 }  // namespace
 
-void init_codec_tables(pTHX) {
-    static const bool built = build_tables();
-    PERL_UNUSED_VAR(built);
-    PERL_HASH(unknown_key_hash, kUnknownKey, kUnknownKeyLen);
+const Levels &levels() {
+    static const Levels built = build_levels();  // once per process, thread-safe
+    return built;
 }
+
+void init_codec_tables(pTHX) { PERL_HASH(unknown_key_hash, kUnknownKey, kUnknownKeyLen); }
 
 // ---- wire primitives -----------------------------------------------------------
 

@@ -73,9 +73,16 @@ struct Level {
 constexpr size_t kRecordAddressCount = 0 QEL_RECORD_FIELDS(QEL_COUNT_ADDRESS_FIELD);
 #undef QEL_COUNT_ADDRESS_FIELD
 
-// Set once per process by init_codec_tables (from the boot).
-extern const Level *record_level;
-extern const Level *address_level;
+// The record's and the address's tables, built on the first codec call of the
+// process (not at load: building them assigns the descriptors, which a
+// program that never calls the codec need not pay for).
+struct Levels {
+    const Level *record;
+    const Level *address;
+};
+const Levels &levels();
+
+// The hash value of `_unknown`, set by init_codec_tables (from the boot).
 extern U32 unknown_key_hash;
 
 void init_codec_tables(pTHX);

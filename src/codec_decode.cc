@@ -143,7 +143,7 @@ inline const Byte *read_length(Dec &d, const Byte *p, const Byte *end, const Fie
 
 // The fields of one occurrence of an address, `p`..`end`.
 bool read_address(pTHX_ Dec &d, const Byte *p, const Byte *end, AddressState &a, const Field &outer) {
-    const Level &level = *address_level;
+    const Level &level = *levels().address;
     const bool keep = !(d.options & kDropUnknown);
     const Byte *run = nullptr;
     size_t run_pos = 0;
@@ -183,7 +183,7 @@ bool read_address(pTHX_ Dec &d, const Byte *p, const Byte *end, AddressState &a,
 
 // The whole input; false with d.err set on malformed input.
 bool read_record(pTHX_ Dec &d, const Byte *p, const Byte *end) {
-    const Level &level = *record_level;
+    const Level &level = *levels().record;
     const bool keep = !(d.options & kDropUnknown);
     const Byte *run = nullptr;
     size_t run_pos = 0, known = 0;
@@ -264,7 +264,7 @@ inline void store(pTHX_ HV *hv, const char *key, size_t len, U32 hash, SV *value
 }
 
 SV *address_value(pTHX_ const Dec &d, const AddressState &a) {
-    const Level &level = *address_level;
+    const Level &level = *levels().address;
     const uint32_t all = static_cast<uint32_t>((uint64_t(1) << level.count) - 1);
     if ((d.options & kTextAddresses) && a.present == all && !a.unknown) {
         AddressWords words;
@@ -288,7 +288,7 @@ SV *address_value(pTHX_ const Dec &d, const AddressState &a) {
 }
 
 HV *build_hash(pTHX_ Dec &d) {
-    const Level &level = *record_level;
+    const Level &level = *levels().record;
     size_t count = d.unknown ? 1 : 0;
     for (const uint64_t word : d.present)
         count += static_cast<size_t>(__builtin_popcountll(word));

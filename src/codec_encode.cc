@@ -537,7 +537,7 @@ void put_length_at(pTHX_ Out &o, size_t len_at) {
 }
 
 void put_address_hash(pTHX_ Enc &enc, const Field &f, HV *hv) {
-    const Level &level = *address_level;
+    const Level &level = *levels().address;
     Runs runs{};
     size_t matched = take_unknown(aTHX_ hv, enc.options, level, f.name, 1, runs);
     Out &o = enc.out;
@@ -584,7 +584,7 @@ void put_address(pTHX_ Enc &enc, const Field &f, SV *v) {
     AddressWords words;
     if (!parse_address_text(t.s, t.len, words))
         croak(kFieldInvalidAddressText, f.name, display_value(aTHX_ v, 64));
-    const Level &level = *address_level;
+    const Level &level = *levels().address;
     Out &o = enc.out;
     reserve(aTHX_ o, f.tag_len + 1 + kAddressFieldCount * 10);
     put_tag(o, f);
@@ -604,7 +604,7 @@ SV *encode_hash(pTHX_ SV *arg, unsigned options) {
     if (!is_hash_ref(arg))
         croak(kExpectedHash, describe(aTHX_ arg));
     HV *hv = reinterpret_cast<HV *>(SvRV(arg));
-    const Level &level = *record_level;
+    const Level &level = *levels().record;
     // On purpose `_unknown` is checked before the fields: its runs are
     // written between them.
     Runs runs{};
