@@ -170,10 +170,14 @@ template <class Msg> inline Msg *message_of(pTHX_ SV *handle, const char *forged
 // Type test and message read: croaks with the class's "THIS is not of type"
 // text or, for a handle this module did not make, its "made by this module"
 // text; returns null for an empty handle.
-template <class Msg> inline Msg *message_from_handle(pTHX_ SV *sv) {
+template <class Msg> inline void check_type(pTHX_ SV *sv) {
     constexpr const char *cls = Binding<Msg>::kClass;
     if (!is_object_of(aTHX_ sv, cls, std::char_traits<char>::length(cls)))
         croak("%s", Binding<Msg>::kNotOfType);
+}
+
+template <class Msg> inline Msg *message_from_handle(pTHX_ SV *sv) {
+    check_type<Msg>(aTHX_ sv);
     return message_of<Msg>(aTHX_ sv);
 }
 
@@ -227,9 +231,7 @@ inline HV *class_stash(pTHX_ CV *cv, const char *cls) {
 // handle without the mark owns nothing: DESTROY leaves it alone, quietly,
 // since it runs wherever the object happens to die.
 template <class Msg> inline void destroy_handle(pTHX_ SV *sv) {
-    constexpr const char *cls = Binding<Msg>::kClass;
-    if (!is_object_of(aTHX_ sv, cls, std::char_traits<char>::length(cls)))
-        croak("%s", Binding<Msg>::kNotOfType);
+    check_type<Msg>(aTHX_ sv);
     SV *referent = SvRV(sv);
     MAGIC *mg = mark_of<Msg>(referent);
     if (!mg || !mg->mg_ptr)
