@@ -167,15 +167,16 @@ template <class Msg> inline Msg *message_of(pTHX_ SV *handle, const char *forged
     return nullptr;
 }
 
-// Type test and message read: croaks with the class's "THIS is not of type"
-// text or, for a handle this module did not make, its "made by this module"
-// text; returns null for an empty handle.
+// The type test: croaks with the class's "THIS is not of type" text.
 template <class Msg> inline void check_type(pTHX_ SV *sv) {
     constexpr const char *cls = Binding<Msg>::kClass;
     if (!is_object_of(aTHX_ sv, cls, std::char_traits<char>::length(cls)))
         croak("%s", Binding<Msg>::kNotOfType);
 }
 
+// Type test and message read: croaks as check_type does or, for a handle this
+// module did not make, with its "made by this module" text; returns null for
+// an empty handle.
 template <class Msg> inline Msg *message_from_handle(pTHX_ SV *sv) {
     check_type<Msg>(aTHX_ sv);
     return message_of<Msg>(aTHX_ sv);
