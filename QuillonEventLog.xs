@@ -16,6 +16,7 @@
 #include "hash_form.h"
 #include "output_stream.h"
 #include "runtime_log.h"
+#include "stream.h"
 #include "wire_reader.h"
 
 using namespace qel;
@@ -276,3 +277,4 @@ BOOT:
     register_accessors(aTHX_ file);
     register_address_class(aTHX_ file);
     register_codec(aTHX_ file);
+    register_stream(aTHX_ file);

@@ -233,6 +233,18 @@ SV *encode_hash(pTHX_ SV *arg, unsigned options);
 // decode: a new mortal hash reference, or a croak; reports like encode.
 SV *decode_bytes(pTHX_ SV *arg, unsigned options);
 
+// Where and why a record does not decode: the offset in its bytes and the
+// reason as text (a mortal scalar).
+struct Fault {
+    size_t at;
+    SV *reason;
+};
+
+// decode without the croak, for readers of many records: the hash reference
+// (mortal), or null with `fault` set.  The input's length is at most
+// 2147483647 bytes.
+SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault);
+
 }  // namespace codec
 }  // namespace qel
 

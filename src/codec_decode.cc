@@ -58,10 +58,6 @@ struct Dec {
     WireError err;
 };
 
-[[noreturn]] void malformed(pTHX_ const Dec &d) {
-    croak(kMalformedRecord, static_cast<UV>(d.err.at - d.begin), SvPVX(reason_text(aTHX_ d.err)));
-}
-
 inline bool is_present(const Dec &d, size_t i) { return d.present[i / 64] >> (i % 64) & 1; }
 inline void set_present(Dec &d, size_t i) { d.present[i / 64] |= uint64_t(1) << (i % 64); }
 
@@ -344,14 +340,25 @@ SV *decode_bytes(pTHX_ SV *arg, unsigned options) {
     }
     if (len > kMaxInput)
         croak(kInputTooLong, static_cast<UV>(len));
+    Fault fault;
+    SV *result = decode_buffer(aTHX_ bytes, len, options, fault);
+    if (!result)
+        croak(kMalformedRecord, static_cast<UV>(fault.at), SvPVX(fault.reason));
+    return result;
+}
+
+SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault) {
     Dec d;
     d.begin = reinterpret_cast<const Byte *>(bytes);
     d.options = options;
     std::memset(d.present, 0, sizeof d.present);
     d.unknown = nullptr;
     d.bad = nullptr;
-    if (!read_record(aTHX_ d, d.begin, d.begin + len))
-        malformed(aTHX_ d);
+    if (!read_record(aTHX_ d, d.begin, d.begin + len)) {
+        fault.at = static_cast<size_t>(d.err.at - d.begin);
+        fault.reason = reason_text(aTHX_ d.err);
+        return nullptr;
+    }
     SV *result = sv_2mortal(newRV_noinc(reinterpret_cast<SV *>(build_hash(aTHX_ d))));
     if (d.bad) {
         // The runtime's own report, in input order (list elements were read
