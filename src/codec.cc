@@ -114,6 +114,35 @@ template <Accessor which> XS_INTERNAL(xs_option) {
     XSRETURN(1);
 }
 
+// The name of each family in field_types.
+const char *family_name(Family f) {
+    switch (f) {
+    case Family::String: return "string";
+    case Family::UInt32: return "uint32";
+    case Family::UInt64: return "uint64";
+    case Family::Bool: return "bool";
+    case Family::Address: return "address";
+    case Family::StringList: return "string list";
+    }
+    return "";
+}
+
+// field_types(): field name => type of every field of the record, from the
+// field table, for programs that treat values by type (JSON booleans,
+// numeric comparisons).
+XS_INTERNAL(xs_field_types) {
+    dXSARGS;
+    if (items > 1)
+        croak_xs_usage(cv, "");
+    const Level &level = *levels().record;
+    HV *hv = newHV();
+    for (size_t i = 0; i < level.count; ++i)
+        hv_store(hv, level.fields[i].name, static_cast<I32>(level.fields[i].len),
+                 newSVpv(family_name(level.fields[i].family), 0), level.hashes[i]);
+    ST(0) = sv_2mortal(newRV_noinc(reinterpret_cast<SV *>(hv)));
+    XSRETURN(1);
+}
+
 }  // namespace
 
 void register_codec(pTHX_ const char *file) {
@@ -123,6 +152,7 @@ void register_codec(pTHX_ const char *file) {
     for (const Entry &e : kEntries)
         CvXSUBANY(newXS_flags(e.name, e.xsub, file, nullptr, 0)).any_ptr = const_cast<char *>(e.usage);
     newXS_flags("quillon_event_log::Codec::new", xs_new, file, nullptr, 0);
+    newXS_flags("quillon_event_log::Codec::field_types", xs_field_types, file, nullptr, 0);
     newXS_flags("quillon_event_log::Codec::characters", xs_option<Accessor::Characters>, file, nullptr, 0);
     newXS_flags("quillon_event_log::Codec::addresses", xs_option<Accessor::Addresses>, file, nullptr, 0);
     newXS_flags("quillon_event_log::Codec::unknown_fields", xs_option<Accessor::UnknownFields>, file, nullptr, 0);

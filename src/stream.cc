@@ -286,20 +286,10 @@ Reader::Step Reader::read_frame() {
         }
         return out_of_data(Problem::TruncatedPrefix);
     }
-    if (len > max_record) {
-        detail[0] = len;
-        detail[1] = max_record;
-        if (!coded->Skip(static_cast<int>(len > kMaxLength ? kMaxLength : len)) || len > kMaxLength) {
-            // Skipping stops at the end of the data: the record is truncated
-            // (or longer than any record can be).
-            detail[1] = static_cast<uint64_t>(base + coded->CurrentPosition() - at);
-            return out_of_data(Problem::TruncatedRecord);
-        }
-        problem = Problem::TooLong;
-        return Step::Skip;
-    }
     // The bytes, block by block: memory grows with the data that is there,
-    // not with what a hostile prefix announces.
+    // not with what a hostile prefix announces.  A record over the limit is
+    // read past without keeping it.
+    const bool keep = len <= max_record;
     SvCUR_set(buffer, 0);
     uint64_t got = 0;
     while (got < len) {
@@ -309,11 +299,19 @@ Reader::Step Reader::read_frame() {
             return out_of_data(Problem::TruncatedRecord);
         }
         const uint64_t n = static_cast<uint64_t>(size) < len - got ? static_cast<uint64_t>(size) : len - got;
-        char *dst = SvGROW(buffer, static_cast<STRLEN>(got + n + 1));
-        std::memcpy(dst + got, data, static_cast<size_t>(n));
+        if (keep) {
+            char *dst = SvGROW(buffer, static_cast<STRLEN>(got + n + 1));
+            std::memcpy(dst + got, data, static_cast<size_t>(n));
+            SvCUR_set(buffer, static_cast<STRLEN>(got + n));
+        }
         coded->Skip(static_cast<int>(n));
         got += n;
-        SvCUR_set(buffer, static_cast<STRLEN>(got));
+    }
+    if (!keep) {
+        detail[0] = len;
+        detail[1] = max_record;
+        problem = Problem::TooLong;
+        return Step::Skip;
     }
     return Step::Record;
 }
@@ -478,8 +476,15 @@ template <Kind kind> XS_INTERNAL(xs_next) {
     if (items != 1)
         croak_xs_usage(cv, "self");
     SV *handle = ST(0);
+    // A callback may change the variable that held the reader: the loop
+    // keeps its own reference.
+    if (live_message_from_handle<Reader>(aTHX_ handle).on_error)
+        handle = sv_2mortal(newSVsv(handle));
     for (;;) {
-        Reader *r = &live_message_from_handle<Reader>(aTHX_ handle);
+        // Read from the handle each time: a callback may have closed it.
+        Reader *r = message_from_handle<Reader>(aTHX_ handle);
+        if (!r)
+            XSRETURN_UNDEF;
         const Reader::Step step = r->read_frame();
         if (step == Reader::Step::End)
             XSRETURN_UNDEF;
@@ -517,7 +522,6 @@ template <Kind kind> XS_INTERNAL(xs_next) {
             XSRETURN(1);
         }
         // The codec says why, when it can.
-        r = &live_message_from_handle<Reader>(aTHX_ handle);
         r->problem = Problem::Refused;
         SV *reason;
         if (!codec::decode_buffer(aTHX_ SvPVX(r->buffer), SvCUR(r->buffer), codec::kDropUnknown, fault))

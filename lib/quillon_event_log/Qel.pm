@@ -1,0 +1,442 @@
+package quillon_event_log::Qel;
+
+# The qel command: decode, encode, filter, sample and report over streams of
+# event records.  bin/qel calls main; each subcommand is a method here, and
+# they share the reading loop, the problem reports and the exit status.
+
+use strict;
+use warnings;
+
+our $VERSION = '1.0';
+
+use Getopt::Long ();
+use JSON::XS ();
+use Time::Local ();
+use quillon_event_log::QuillonEventLog ();
+use quillon_event_log::Codec ();
+use quillon_event_log::Stream ();
+
+# Exit statuses.
+use constant { CLEAN => 0, SKIPPED => 1, USAGE => 2 };
+
+# Input of more than this many bytes shows a progress bar on a terminal.
+use constant PROGRESS_FROM => 4 * 1024 * 1024;
+
+my %usage = (
+    decode => 'qel decode [--json] [--fields LIST] [--strict] [--quiet] [FILE|-]...',
+    encode => 'qel encode [--single] [--strict] [FILE|-]...',
+    filter => 'qel filter [--where FIELD=VALUE]... [--match FIELD=REGEX]... [--since TIME] [--until TIME] '
+            . '[--strict] [--quiet] [FILE|-]...',
+    sample => 'qel sample [--count N] [--seed S]',
+    report => 'qel report [--top N] [--json] [--strict] [--quiet] [FILE|-]...',
+);
+my @commands = qw(decode encode filter sample report);
+
+sub usage_text {
+    return "usage:\n" . join('', map { "  $usage{$_}\n" } @commands)
+         . "  qel --help | --version\n";
+}
+
+# Raised to stop at the first problem under --strict.
+my $STOP = \'stop';
+
+sub main {
+    my (@argv) = @_;
+    my $self = bless { problems => 0 }, __PACKAGE__;
+    my $command = shift @argv // '';
+    if ($command eq '--help' || $command eq '-h' || $command eq 'help') {
+        print usage_text(), "Run 'perldoc qel' for the manual.\n";
+        return CLEAN;
+    }
+    if ($command eq '--version') {
+        print "qel $VERSION (quillon_event_log $quillon_event_log::QuillonEventLog::VERSION)\n";
+        return CLEAN;
+    }
+    return $self->usage_error($command eq '' ? 'no command given' : "unknown command \"$command\"")
+        unless $usage{$command};
+    $self->{command} = $command;
+    my $status = eval { $self->$command(@argv) };
+    if (!defined $status) {
+        my $error = $@;
+        return SKIPPED if ref $error && $error == $STOP;
+        die $error;
+    }
+    return $status;
+}
+
+sub usage_error {
+    my ($self, $message) = @_;
+    my $usage = $self->{command} ? "usage: $usage{$self->{command}}\n" : usage_text();
+    print STDERR "qel: $message\n$usage";
+    return USAGE;
+}
+
+# Parses the options of a subcommand; false after a usage error (printed).
+sub options {
+    my ($self, $argv, $spec) = @_;
+    my @warnings;
+    local $SIG{__WARN__} = sub { push @warnings, $_[0] };
+    my $p = Getopt::Long::Parser->new(config => [qw(no_ignore_case bundling no_auto_abbrev)]);
+    my $ok = $p->getoptionsfromarray($argv, %$spec, 'help|h' => \my $help);
+    if ($help) {
+        print "usage: $usage{$self->{command}}\n";
+        $self->{exit} = CLEAN;
+        return;
+    }
+    if (!$ok) {
+        chomp(my $w = $warnings[0] // 'bad option');
+        $self->{exit} = $self->usage_error(lcfirst $w);
+        return;
+    }
+    return 1;
+}
+
+sub problem {
+    my ($self, $message) = @_;
+    print STDERR "$message\n";
+    $self->{problems}++;
+    die $STOP if $self->{strict};
+}
+
+sub status { $_[0]{problems} ? SKIPPED : CLEAN }
+
+# The field names, checked: the codec's own message for an unknown one.
+my $types;
+sub field_types { $types //= quillon_event_log::Codec::field_types() }
+
+sub check_field {
+    my ($self, $name, $option) = @_;
+    return 1 if field_types()->{$name};
+    eval { quillon_event_log::Codec::encode_event({ $name => undef }); 1 } and return 1;
+    (my $why = $@) =~ s/ at \S+ line \d+\.\n\z//;
+    $self->{exit} = $self->usage_error("$option: $why");
+    return;
+}
+
+# ---- reading ---------------------------------------------------------------
+
+sub named_inputs { @{ $_[1] } ? @{ $_[1] } : ('-') }
+
+# Calls $each->($reader) for every readable record of every input, in order,
+# with $read (a reader method name) already called: $each gets the value.
+sub each_record {
+    my ($self, $files, $read, $each, %codec) = @_;
+    my @files = $self->named_inputs($files);
+    my $progress = $self->progress_bar(\@files);
+    my $done = 0;
+    for my $file (@files) {
+        my $source = $file eq '-' ? \*STDIN : $file;
+        my $reader = eval {
+            quillon_event_log::Stream->reader($source, %codec, name => $file,
+                on_error => sub { $self->problem($_[0]{message}) });
+        };
+        if (!$reader) {
+            (my $why = $@) =~ s/ at \S+ line \d+\.\n\z//;
+            $self->problem("qel: $why");
+            next;
+        }
+        my $count = 0;
+        while (defined(my $value = $reader->$read)) {
+            $each->($value, $reader);
+            if ($progress && ++$count % 4096 == 0) {
+                $progress->update($done + $reader->bytes_in);
+            }
+        }
+        $done += $reader->bytes_in;
+        $progress->update($done) if $progress;
+    }
+    return;
+}
+
+# A progress bar on stderr when it is a terminal and the named files hold
+# more than a few MB; never for --quiet.
+sub progress_bar {
+    my ($self, $files) = @_;
+    return if $self->{quiet} || !-t STDERR;
+    my $total = 0;
+    for (@$files) {
+        return if $_ eq '-' || !-f $_;
+        $total += -s _;
+    }
+    return if $total <= PROGRESS_FROM;
+    require Term::ProgressBar;
+    my $bar = Term::ProgressBar->new({ count => $total, name => "qel $self->{command}",
+                                       fh => \*STDERR, remove => 1, ETA => 'linear' });
+    $bar->minor(0);
+    return $bar;
+}
+
+# ---- decode --------------------------------------------------------------------
+
+sub decode {
+    my ($self, @argv) = @_;
+    my %o;
+    $self->options(\@argv, { 'json' => \$o{json}, 'fields=s' => \$o{fields},
+                             'strict' => \$self->{strict}, 'quiet' => \$self->{quiet} })
+        or return $self->{exit};
+    my @fields;
+    if (defined $o{fields}) {
+        @fields = grep { length } split /\s*,\s*/, $o{fields};
+        return $self->usage_error('--fields: no field named') unless @fields;
+        $self->check_field($_, '--fields') or return $self->{exit} for @fields;
+    }
+    binmode STDOUT;
+    return $o{json} ? $self->decode_json(\@argv, \@fields) : $self->decode_text(\@argv, \@fields);
+}
+
+sub decode_text {
+    my ($self, $files, $fields) = @_;
+    $self->each_record($files, 'next_record', sub {
+        my ($record, $reader) = @_;
+        if (@$fields) {
+            my $hash = $record->to_hashref;
+            $record = quillon_event_log::QuillonEventLog->new(
+                { map { $_ => $hash->{$_} } grep { exists $hash->{$_} } @$fields });
+        }
+        printf "# %s: record %d at byte %d, %d bytes\n", $reader->name, $reader->index,
+            $reader->offset, length $reader->last_bytes;
+        print $record->debug_string;
+    });
+    return $self->status;
+}
+
+my $json_out = JSON::XS->new->utf8->canonical;
+
+sub decode_json {
+    my ($self, $files, $fields) = @_;
+    my $codec = quillon_event_log::Codec->new(characters => 1, addresses => 'text');
+    my @flags = grep { field_types()->{$_} eq 'bool' } sort keys %{ field_types() };
+    my ($true, $false) = (JSON::XS::true(), JSON::XS::false());
+    my %keep = map { $_ => 1 } @$fields;
+    $self->each_record($files, 'next', sub {
+        my ($event, $reader) = @_;
+        if (@$fields) {
+            delete @$event{ grep { !$keep{$_} } keys %$event };
+        } else {
+            # Input that is not in canonical form (fields out of order, a
+            # value given twice) keeps its exact bytes, so that encode gives
+            # them back.
+            my $bytes = $reader->last_bytes;
+            $event->{_wire} = unpack 'H*', $bytes if $codec->encode($event) ne $bytes;
+        }
+        for (@flags) {
+            $event->{$_} = $event->{$_} ? $true : $false if exists $event->{$_};
+        }
+        print $json_out->encode($event), "\n";
+    }, characters => 1, addresses => 'text');
+    return $self->status;
+}
+
+# ---- encode --------------------------------------------------------------------
+
+sub encode {
+    my ($self, @argv) = @_;
+    my $single;
+    $self->options(\@argv, { 'single' => \$single, 'strict' => \$self->{strict} })
+        or return $self->{exit};
+    my $codec = quillon_event_log::Codec->new(characters => 1, addresses => 'text');
+    my $json = JSON::XS->new->utf8;
+    binmode STDOUT;
+    my $writer = $single ? undef : quillon_event_log::Stream->writer(\*STDOUT, name => '-');
+    my @single;
+    for my $file ($self->named_inputs(\@argv)) {
+        my $fh;
+        if ($file eq '-') {
+            $fh = \*STDIN;
+        } elsif (!open $fh, '<', $file) {
+            $self->problem("qel: cannot open $file: $!");
+            next;
+        }
+        binmode $fh;
+        while (my $line = <$fh>) {
+            next if $line =~ /\A\s*\z/;
+            my $bytes = eval { $self->event_bytes($codec, $json->decode($line)) };
+            if (!defined $bytes) {
+                die $@ if ref $@;
+                (my $why = $@) =~ s/ at \S+ line \d+\.\n\z//;
+                $self->problem("$file: line $.: $why");
+                next;
+            }
+            if ($single) {
+                push @single, $bytes;
+            } else {
+                $writer->write_bytes($bytes);
+            }
+        }
+    }
+    if ($single) {
+        if (@single != 1) {
+            $self->problem('qel: --single needs exactly one record, the input holds ' . scalar @single);
+            return $self->status;
+        }
+        print $single[0];
+    } else {
+        $writer->close;
+    }
+    return $self->status;
+}
+
+# The bytes of one decoded JSON object: the original bytes of `_wire` while
+# the fields still say what they say, else the fields' encoding.
+sub event_bytes {
+    my ($self, $codec, $event) = @_;
+    die "expected a JSON object\n" unless ref $event eq 'HASH';
+    my $wire = delete $event->{_wire};
+    my $bytes = $codec->encode($event);
+    if (defined $wire) {
+        die "_wire: expected a string of hexadecimal digits\n"
+            if ref $wire || $wire !~ /\A(?:[0-9a-fA-F]{2})*\z/;
+        my $original = pack 'H*', $wire;
+        my $same = eval { $codec->encode($codec->decode($original)) eq $bytes };
+        return $original if $same;
+    }
+    return $bytes;
+}
+
+# ---- filter --------------------------------------------------------------------
+
+sub filter {
+    my ($self, @argv) = @_;
+    my (@where, @match, $since, $until);
+    $self->options(\@argv, { 'where=s' => \@where, 'match=s' => \@match, 'since=s' => \$since,
+                             'until=s' => \$until, 'strict' => \$self->{strict}, 'quiet' => \$self->{quiet} })
+        or return $self->{exit};
+    my @tests;
+    for my $cond (@where, @match) {
+        my $is_where = grep { $_ eq $cond } @where;
+        my $option = $is_where ? '--where' : '--match';
+        my ($field, $value) = $cond =~ /\A([^=]*)=(.*)\z/s
+            or return $self->usage_error("$option: expected FIELD=" . ($is_where ? 'VALUE' : 'REGEX') . ", got \"$cond\"");
+        $self->check_field($field, $option) or return $self->{exit};
+        utf8::decode($value);
+        my $test;
+        if ($is_where) {
+            $test = $self->equality($field, $value);
+        } else {
+            my $re = eval { qr/$value/ };
+            return $self->usage_error("--match: invalid regular expression \"$value\"") unless $re;
+            $test = sub { defined $_[0] && !ref $_[0] && $_[0] =~ $re };
+        }
+        push @tests, [$field, $test];
+    }
+    for ([\$since, '--since'], [\$until, '--until']) {
+        my ($time, $option) = @$_;
+        next unless defined $$time;
+        my $t = parse_time($$time);
+        return $self->usage_error("$option: \"$$time\" is neither unix seconds nor an ISO 8601 time")
+            unless defined $t;
+        $$time = $t;
+    }
+    binmode STDOUT;
+    my $writer = quillon_event_log::Stream->writer(\*STDOUT, name => '-');
+    $self->each_record(\@argv, 'next', sub {
+        my ($event, $reader) = @_;
+        if (defined $since || defined $until) {
+            my $t = $event->{request_time};
+            return unless defined $t;
+            return if defined $since && $t < $since;
+            return if defined $until && $t >= $until;
+        }
+        for (@tests) {
+            my ($field, $test) = @$_;
+            my $v = $event->{$field};
+            return unless defined $v;
+            if (ref $v eq 'ARRAY') {
+                return unless grep { $test->($_) } @$v;
+            } else {
+                return unless $test->($v);
+            }
+        }
+        $writer->write_bytes($reader->last_bytes);
+    }, characters => 1, addresses => 'text');
+    $writer->close;
+    return $self->status;
+}
+
+# The test of --where: text equality, numbers compared as numbers, flags as
+# true/false/1/0.
+sub equality {
+    my ($self, $field, $value) = @_;
+    my $type = field_types()->{$field};
+    if ($type eq 'bool') {
+        my %flag = (true => 1, 1 => 1, false => 0, 0 => 0);
+        my $want = $flag{lc $value};
+        return sub { 0 } unless defined $want;
+        return sub { ($_[0] ? 1 : 0) == $want };
+    }
+    if ($type eq 'uint32' || $type eq 'uint64') {
+        return sub { 0 } unless $value =~ /\A[0-9]+\z/;
+        (my $n = $value) =~ s/\A0+(?=.)//;
+        return sub { $_[0] eq $n };
+    }
+    return sub { !ref $_[0] && $_[0] eq $value };
+}
+
+# Unix seconds, or an ISO 8601 date or time (UTC unless it has an offset).
+sub parse_time {
+    my ($text) = @_;
+    return $text + 0 if $text =~ /\A[0-9]+\z/;
+    my ($y, $mo, $d, $h, $mi, $s, $zone) = $text =~
+        /\A(\d{4})-(\d\d)-(\d\d)(?:[T ](\d\d):(\d\d)(?::(\d\d)(?:\.\d+)?)?)?\s*(Z|[+-]\d\d:?\d\d)?\z/
+        or return;
+    my $t = eval { Time::Local::timegm($s // 0, $mi // 0, $h // 0, $d, $mo - 1, $y) };
+    return unless defined $t;
+    if ($zone && $zone ne 'Z') {
+        my ($sign, $zh, $zm) = $zone =~ /\A([+-])(\d\d):?(\d\d)\z/;
+        $t -= ($sign eq '+' ? 1 : -1) * ($zh * 3600 + $zm * 60);
+    }
+    return $t;
+}
+
+# ---- sample --------------------------------------------------------------------
+
+sub sample {
+    my ($self, @argv) = @_;
+    my ($count, $seed) = (1000, 1);
+    $self->options(\@argv, { 'count=s' => \$count, 'seed=s' => \$seed }) or return $self->{exit};
+    return $self->usage_error("--count: expected a whole number, got \"$count\"") unless $count =~ /\A[0-9]+\z/;
+    return $self->usage_error("--seed: expected a whole number, got \"$seed\"") unless $seed =~ /\A[0-9]+\z/;
+    return $self->usage_error("unexpected argument \"$argv[0]\"") if @argv;
+    require quillon_event_log::Sample;
+    binmode STDOUT;
+    my $writer = quillon_event_log::Stream->writer(\*STDOUT, name => '-', addresses => 'text');
+    my $gen = quillon_event_log::Sample->new(seed => $seed, count => $count);
+    while (my $event = $gen->next) {
+        $writer->write_event($event);
+    }
+    $writer->close;
+    return CLEAN;
+}
+
+# ---- report --------------------------------------------------------------------
+
+sub report {
+    my ($self, @argv) = @_;
+    my ($top, $json) = (10);
+    $self->options(\@argv, { 'top=s' => \$top, 'json' => \$json,
+                             'strict' => \$self->{strict}, 'quiet' => \$self->{quiet} })
+        or return $self->{exit};
+    return $self->usage_error("--top: expected a positive whole number, got \"$top\"") unless $top =~ /\A[1-9][0-9]*\z/;
+    require quillon_event_log::Report;
+    my $report = quillon_event_log::Report->new(top => $top);
+    $self->each_record(\@argv, 'next', sub { $report->add($_[0]) }, characters => 1, addresses => 'text');
+    binmode STDOUT;
+    if ($json) {
+        print $report->as_json;
+    } else {
+        my $text = $report->as_text(unicode => utf8_terminal());
+        utf8::encode($text);
+        print $text;
+    }
+    return $self->status;
+}
+
+# Block characters only where they will show: standard output is a terminal
+# and the locale's character set is UTF-8.
+sub utf8_terminal {
+    return 0 unless -t STDOUT;
+    my $locale = $ENV{LC_ALL} || $ENV{LC_CTYPE} || $ENV{LANG} || '';
+    return $locale =~ /UTF-?8/i ? 1 : 0;
+}
+
+1;
