@@ -1,0 +1,596 @@
+package quillon_event_log::Report;
+
+# Counts event records (hashes as the codec decodes them) into plain hashes of
+# counts, and turns those counts into one summary structure that the text and
+# JSON renderers below only read. Counting and rendering stay apart so that
+# reports can be merged by addition and rendered in other forms later.
+
+use strict;
+use warnings;
+
+use Carp qw(croak);
+use JSON::XS ();
+use POSIX ();
+
+our $VERSION = '1.0';
+
+# The label of an absent field in the share tables, so that their shares add up.
+my $NONE = '(none)';
+
+# The counters of the top-N lists, in the order the text form prints them,
+# with their section titles. request_path is request_uri without its query.
+my @TOP_LISTS = (
+    [ bot_name               => 'Top bot names' ],
+    [ bot_signature_category => 'Top bot signature categories' ],
+    [ anomalies              => 'Top anomalies' ],
+    [ anomaly_categories     => 'Top anomaly categories' ],
+    [ country_code           => 'Top countries' ],
+    [ host                   => 'Top hosts' ],
+    [ client_ip              => 'Top client addresses' ],
+    [ request_path           => 'Top request paths' ],
+);
+
+# Text form: widest label before truncation, widest bar, most time rows.
+my $LABEL_WIDTH = 40;
+my $BAR_WIDTH   = 30;
+my $TIME_ROWS   = 60;
+
+# Widths of the time buckets of the text form, in minutes; wider spans use
+# whole days. Each divides a day, so buckets start at round times.
+my @BUCKET_MINUTES = (1, 2, 5, 10, 15, 30, 60, 120, 180, 360, 720, 1440);
+
+my @EIGHTHS = ('', "\x{258F}", "\x{258E}", "\x{258D}", "\x{258C}", "\x{258B}", "\x{258A}", "\x{2589}");
+my $FULL_BLOCK = "\x{2588}";
+
+my $JSON = JSON::XS->new->utf8->canonical;
+
+sub new {
+    my ($class, %opt) = @_;
+    my $top = exists $opt{top} ? delete $opt{top} : 10;
+    croak "unknown option \"$_\"" for sort keys %opt;
+    croak 'top must be a positive integer'
+        unless defined $top && !ref $top && $top =~ /\A[1-9][0-9]*\z/;
+    return bless { top => 0 + $top, state => _empty_state() }, $class;
+}
+
+sub _empty_state {
+    return {
+        records      => 0,
+        without_time => 0,
+        # request_time is a uint32: these bounds give way to the first time
+        # counted, without a test for "none yet" in add or merge.
+        first_time   => 2**32,
+        last_time    => -1,
+        # The counters, each a hash of counts (merge adds every hash it finds).
+        per_minute               => {},    # minute start (unix seconds) => count
+        classification           => {},
+        actual_mitigation_action => {},
+        configured_vs_actual     => {},    # configured => { actual => count }
+        map { $_->[0] => {} } @TOP_LISTS,
+    };
+}
+
+# The hot path: one hash increment per figure, nothing else.
+sub add {
+    my ($self, $e) = @_;
+    my $s = $self->{state};
+    $s->{records}++;
+
+    $s->{classification}{ $e->{classification} // $NONE }++;
+    my $actual = $e->{actual_mitigation_action} // $NONE;
+    $s->{actual_mitigation_action}{$actual}++;
+    $s->{configured_vs_actual}{ $e->{configured_mitigation_action} // $NONE }{$actual}++;
+
+    my $v;
+    $s->{bot_name}{$v}++               if defined($v = $e->{bot_name});
+    $s->{bot_signature_category}{$v}++ if defined($v = $e->{bot_signature_category});
+    $s->{country_code}{$v}++           if defined($v = $e->{country_code});
+    $s->{host}{$v}++                   if defined($v = $e->{host});
+    if ($v = $e->{anomalies}) {
+        my $h = $s->{anomalies};
+        $h->{$_}++ for @$v;
+    }
+    if ($v = $e->{anomaly_categories}) {
+        my $h = $s->{anomaly_categories};
+        $h->{$_}++ for @$v;
+    }
+    if (defined($v = $e->{client_ip})) {
+        $s->{client_ip}{ ref $v ? _address_words($v) : $v }++;
+    }
+    if (defined($v = $e->{request_uri})) {
+        my $q = index $v, '?';
+        $s->{request_path}{ $q < 0 ? $v : substr $v, 0, $q }++;
+    }
+    if (defined($v = $e->{request_time})) {
+        $s->{per_minute}{ $v - $v % 60 }++;
+        $s->{first_time} = $v if $v < $s->{first_time};
+        $s->{last_time}  = $v if $v > $s->{last_time};
+    }
+    else {
+        $s->{without_time}++;
+    }
+    return $self;
+}
+
+# The codec leaves an address as a hash of its words when it cannot be a text
+# (a word missing, or unknown fields inside); such an address is counted under
+# its words, never dropped.
+sub _address_words {
+    my ($words) = @_;
+    return '{' . join(',', map {
+        my $w = $words->{$_};
+        "$_=" . (ref $w eq 'ARRAY' ? join('/', @$w) : $w // '')
+    } sort keys %$words) . '}';
+}
+
+sub merge {
+    my ($self, $other) = @_;
+    croak 'merge needs a quillon_event_log::Report'
+        unless ref $other && eval { $other->isa(__PACKAGE__) };
+    my ($s, $o) = ($self->{state}, $other->{state});
+    $s->{first_time} = $o->{first_time} if $o->{first_time} < $s->{first_time};
+    $s->{last_time}  = $o->{last_time}  if $o->{last_time} > $s->{last_time};
+    $s->{$_} += $o->{$_} for qw(records without_time);
+    for my $k (keys %$o) {
+        _add_counts($s->{$k}, $o->{$k}) if ref $o->{$k};
+    }
+    return $self;
+}
+
+# Adds a hash of counts (or of hashes of counts) into another.
+sub _add_counts {
+    my ($into, $from) = @_;
+    for my $k (keys %$from) {
+        if (ref $from->{$k}) { _add_counts($into->{$k} //= {}, $from->{$k}) }
+        else                 { $into->{$k} += $from->{$k} }
+    }
+    return;
+}
+
+sub summary {
+    my ($self) = @_;
+    my $s       = $self->{state};
+    my $records = $s->{records};
+    my ($first, $last) = $s->{last_time} < 0 ? () : @$s{qw(first_time last_time)};
+
+    my $cva = $s->{configured_vs_actual};
+    my @pairs = sort {
+        $b->{count} <=> $a->{count} || $a->{configured} cmp $b->{configured} || $a->{actual} cmp $b->{actual}
+    } map {
+        my $c = $_;
+        map { { configured => $c, actual => $_, count => 0 + $cva->{$c}{$_} } } keys %{ $cva->{$c} }
+    } keys %$cva;
+    $_->{share} = _share($_->{count}, $records) for @pairs;
+
+    return {
+        records => 0 + $records,
+        top_n   => $self->{top},
+        time    => {
+            first        => defined $first ? 0 + $first : undef,
+            last         => defined $last ? 0 + $last : undef,
+            first_iso    => defined $first ? _iso($first) : undef,
+            last_iso     => defined $last ? _iso($last) : undef,
+            span_seconds => defined $first ? $last - $first : undef,
+            without_time => 0 + $s->{without_time},
+        },
+        classification           => _share_table($s->{classification}, $records),
+        actual_mitigation_action => _share_table($s->{actual_mitigation_action}, $records),
+        configured_vs_actual     => \@pairs,
+        top => { map { $_->[0] => _top_list($s->{ $_->[0] }, $self->{top}) } @TOP_LISTS },
+        per_minute => [
+            map { { minute => 0 + $_, count => 0 + $s->{per_minute}{$_} } }
+            sort { $a <=> $b } keys %{ $s->{per_minute} }
+        ],
+    };
+}
+
+# Counts in rank order: count descending, then key ascending (by code point).
+sub _ranked {
+    my ($counts) = @_;
+    return sort { $counts->{$b} <=> $counts->{$a} || $a cmp $b } keys %$counts;
+}
+
+sub _share_table {
+    my ($counts, $records) = @_;
+    return [ map { { key => $_, count => 0 + $counts->{$_}, share => _share($counts->{$_}, $records) } } _ranked($counts) ];
+}
+
+sub _top_list {
+    my ($counts, $top) = @_;
+    my @keys = _ranked($counts);
+    my $total = 0;
+    $total += $_ for values %$counts;
+    splice @keys, $top if @keys > $top;
+    return {
+        items    => [ map { { key => $_, count => 0 + $counts->{$_} } } @keys ],
+        distinct => scalar keys %$counts,
+        total    => $total,
+    };
+}
+
+# count / records to 4 decimals, halves rounded up, in integers so that every
+# machine prints the same digits.
+sub _share {
+    my ($count, $records) = @_;
+    return 0 unless $records;
+    return int((20000 * $count + $records) / (2 * $records)) / 10000;
+}
+
+sub _iso { POSIX::strftime('%Y-%m-%dT%H:%M:%SZ', gmtime $_[0]) }
+
+sub as_json {
+    my ($self) = @_;
+    return $JSON->encode($self->summary) . "\n";
+}
+
+sub time_buckets {
+    my ($class, $per_minute, %opt) = @_;
+    my $max = exists $opt{max_rows} ? delete $opt{max_rows} : $TIME_ROWS;
+    croak "unknown option \"$_\"" for sort keys %opt;
+    croak 'max_rows must be a positive integer'
+        unless defined $max && !ref $max && $max =~ /\A[1-9][0-9]*\z/;
+    return { width => 1, rows => [] } unless @$per_minute;
+
+    my $from = $per_minute->[0]{minute} / 60;
+    my $to   = $per_minute->[-1]{minute} / 60;
+    my $rows = sub { my $w = shift; int($to / $w) - int($from / $w) + 1 };
+    my ($width) = grep { $rows->($_) <= $max } @BUCKET_MINUTES;
+    if (!$width) {
+        my $days = POSIX::ceil(($to - $from + 1) / 1440 / $max);
+        $days++ while $rows->(1440 * $days) > $max;
+        $width = 1440 * $days;
+    }
+
+    my $first = int($from / $width);
+    my @counts = (0) x $rows->($width);
+    $counts[ int($_->{minute} / 60 / $width) - $first ] += $_->{count} for @$per_minute;
+    return {
+        width => $width,
+        rows  => [ map { { start => 60 * $width * ($first + $_), count => $counts[$_] } } 0 .. $#counts ],
+    };
+}
+
+sub as_text {
+    my ($self, %opt) = @_;
+    my $unicode = delete $opt{unicode};
+    croak "unknown option \"$_\"" for sort keys %opt;
+
+    my $sum   = $self->summary;
+    my $title = 'Event report';
+    return "$title\n\nno records\n" unless $sum->{records};
+
+    my $records = $sum->{records};
+    my @out = ("$title\n", _records_section($sum));
+
+    push @out, _table('Classification', $sum->{classification}, $records, $unicode);
+    push @out, _table('Actual mitigation action', $sum->{actual_mitigation_action}, $records, $unicode);
+    push @out, _table('Configured vs actual action',
+        [ map { { key => "$_->{configured} -> $_->{actual}", count => $_->{count} } } @{ $sum->{configured_vs_actual} } ],
+        $records, $unicode);
+
+    for (@TOP_LISTS) {
+        my ($name, $heading) = @$_;
+        my $list  = $sum->{top}{$name};
+        my $shown = @{ $list->{items} };
+        push @out, _table($shown ? "$heading ($shown of $list->{distinct})" : $heading,
+            $list->{items}, $records, $unicode);
+    }
+
+    my $buckets = __PACKAGE__->time_buckets($sum->{per_minute});
+    push @out, _table(_bucket_title($buckets->{width}),
+        [ map { { key => POSIX::strftime('%Y-%m-%d %H:%M', gmtime $_->{start}), count => $_->{count} } } @{ $buckets->{rows} } ],
+        $records, $unicode);
+
+    return join "\n", @out;
+}
+
+sub _records_section {
+    my ($sum) = @_;
+    my $t = $sum->{time};
+    my @rows = (
+        [ records         => $sum->{records} ],
+        [ 'first request' => $t->{first_iso} // $NONE ],
+        [ 'last request'  => $t->{last_iso} // $NONE ],
+        [ span            => defined $t->{span_seconds} ? _duration($t->{span_seconds}) : $NONE ],
+    );
+    push @rows, [ 'without time' => $t->{without_time} ] if $t->{without_time};
+    return join '', "Records\n", map { sprintf "  %-13s  %s\n", @$_ } @rows;
+}
+
+# 3725 seconds read "1h 2m 5s": from the largest unit present down to seconds.
+sub _duration {
+    my ($secs) = @_;
+    my @parts = ([ d => 86400 ], [ h => 3600 ], [ m => 60 ], [ s => 1 ]);
+    my @out;
+    for (@parts) {
+        my ($unit, $size) = @$_;
+        my $n = int($secs / $size);
+        $secs -= $n * $size;
+        push @out, "$n$unit" if $n || @out || $unit eq 's';
+    }
+    return join ' ', @out;
+}
+
+sub _bucket_title {
+    my ($w) = @_;
+    my $per = $w == 1        ? 'minute'
+            : $w < 60        ? "$w minutes"
+            : $w == 60       ? 'hour'
+            : $w < 1440      ? ($w / 60) . ' hours'
+            : $w == 1440     ? 'day'
+            :                  ($w / 1440) . ' days';
+    return "Requests per $per (UTC)";
+}
+
+# One section: title, then label, count, share of all records and a bar
+# scaled to the table's largest count.
+sub _table {
+    my ($title, $rows, $records, $unicode) = @_;
+    return "$title\n  none\n" unless @$rows;
+
+    my @labels = map { _label($_->{key}, $unicode) } @$rows;
+    my ($lw, $cw, $max) = (0, 0, 0);
+    for my $i (0 .. $#$rows) {
+        my $c = $rows->[$i]{count};
+        $lw  = length $labels[$i] if length $labels[$i] > $lw;
+        $cw  = length "$c"        if length "$c" > $cw;
+        $max = $c                 if $c > $max;
+    }
+    my $text = "$title\n";
+    for my $i (0 .. $#$rows) {
+        my $c = $rows->[$i]{count};
+        my $line = sprintf "  %-*s  %*d  %6s  %s", $lw, $labels[$i], $cw, $c, _percent($c, $records), _bar($c, $max, $unicode);
+        $line =~ s/ +\z//;
+        $text .= "$line\n";
+    }
+    return $text;
+}
+
+# Labels are shown on one line of a terminal: control characters and the
+# codec's escapes of bytes that were not UTF-8 are written as \xHH, the empty
+# string as "", and long labels are cut to a fixed width.
+sub _label {
+    my ($key, $unicode) = @_;
+    return '""' if $key eq '';
+    (my $label = $key) =~ s/([\x00-\x1f\x7f-\x9f\x{DC80}-\x{DCFF}])/sprintf '\\x%02X', ord($1) & 0xFF/ge;
+    return $label if length $label <= $LABEL_WIDTH;
+    return $unicode
+        ? substr($label, 0, $LABEL_WIDTH - 1) . "\x{2026}"
+        : substr($label, 0, $LABEL_WIDTH - 3) . '...';
+}
+
+# count / records as a percentage to one decimal, halves rounded up.
+sub _percent {
+    my ($count, $records) = @_;
+    my $permille = int((2000 * $count + $records) / (2 * $records));
+    return sprintf '%d.%d%%', int($permille / 10), $permille % 10;
+}
+
+sub _bar {
+    my ($count, $max, $unicode) = @_;
+    return '' unless $max;
+    if ($unicode) {
+        my $eighths = int((16 * $BAR_WIDTH * $count + $max) / (2 * $max));
+        return $FULL_BLOCK x int($eighths / 8) . $EIGHTHS[ $eighths % 8 ];
+    }
+    return '#' x int((2 * $BAR_WIDTH * $count + $max) / (2 * $max));
+}
+
+1;
+
+__END__
+
+=head1 NAME
+
+quillon_event_log::Report - counts of event records, as a summary, text tables or JSON
+
+=head1 SYNOPSIS
+
+  use quillon_event_log::Codec;
+  use quillon_event_log::Report;
+
+  my $codec  = quillon_event_log::Codec->new(characters => 1, addresses => 'text');
+  my $report = quillon_event_log::Report->new(top => 10);
+  $report->add($codec->decode($_)) for @records;   # wire bytes of each record
+
+  my $data = $report->summary;                # plain Perl data
+  print $report->as_text(unicode => 1);       # a character string: encode it for output
+  print $report->as_json;                     # UTF-8 bytes, one line
+
+  $report->merge($other_report);              # add another report's counts
+
+=head1 DESCRIPTION
+
+A report counts event records of L<quillon_event_log::QuillonEventLog> in the
+hash form that L<quillon_event_log::Codec> decodes with
+C<< characters => 1, addresses => 'text' >>, and tells what the records were
+and what was done about them: how many records over which time, how they
+were classified, what mitigation was configured and what was actually done,
+the most frequent bots, anomalies, countries, hosts, client addresses and
+request paths, and the requests per minute.
+
+It reads only these fields of a record: C<classification>,
+C<actual_mitigation_action>, C<configured_mitigation_action>, C<bot_name>,
+C<bot_signature_category>, C<anomalies>, C<anomaly_categories>,
+C<country_code>, C<host>, C<client_ip>, C<request_uri> and C<request_time>.
+Other fields are ignored.
+
+All a report holds is plain hashes of counts (and the first and last request
+times), so two reports merge by adding their counts, with the same figures as
+one report over all the records. The figures come out of one structure,
+L</summary>; the text and JSON forms only render it.
+
+=head1 METHODS
+
+=head2 new
+
+  my $report = quillon_event_log::Report->new(top => 10);
+
+An empty report. The option C<top> (a positive integer, 10 by default) is the
+length of the top lists.
+
+=head2 add
+
+  $report->add(\%event);
+
+Counts one record. Absent fields (missing keys and C<undef> values) count as
+C<(none)> in the share tables (classification and mitigation actions), so
+that their shares add up to all the records (a field whose value is the
+text C<(none)> counts with them); in the top lists they do not count. An
+empty string is a value like any other. Each element of
+C<anomalies> and C<anomaly_categories> counts once in its list. The request
+path is C<request_uri> up to its first C<?>. A C<client_ip> left as a hash
+of words by the codec (an address with a word missing) counts under a text
+of its words, C<{ip0=0,ip3=3405803821}> (unknown fields inside it as
+C<_unknown=POS:HEX/...>). Returns the report.
+
+=head2 merge
+
+  $report->merge($other);
+
+Adds the counts of another report to this one: afterwards this report gives
+exactly the figures of one report over the records of both. The other report
+is not changed; C<top> stays this report's. Returns the report.
+
+=head2 summary
+
+  my $data = $report->summary;
+
+The figures, as a new structure of plain hashes, arrays, numbers and strings
+(L</THE SUMMARY>). Changing it does not change the report.
+
+=head2 as_text
+
+  my $text = $report->as_text(unicode => 1);
+
+The summary as aligned tables, as a character string (encode it before
+printing it). With C<unicode> true, the bars are drawn with block characters
+and long labels end in an ellipsis; otherwise (the default) the text uses
+C<#> and C<...> instead (L</THE TEXT FORM>).
+
+=head2 as_json
+
+  my $bytes = $report->as_json;
+
+The summary as JSON: UTF-8 encoded bytes, on one line, keys sorted, ending
+in a newline. The same figures give the same bytes; decoding it gives the
+summary back.
+
+=head2 time_buckets
+
+  my $b = quillon_event_log::Report->time_buckets($summary->{per_minute}, max_rows => 60);
+  # { width => 5, rows => [ { start => 1763596800, count => 12 }, ... ] }
+
+Groups the per-minute counts of a summary into buckets for display: the
+narrowest bucket width of 1, 2, 5, 10, 15, 30, 60, 120, 180, 360, 720 or
+1440 minutes, or else a whole number of days, that gives at most
+C<max_rows> buckets (60 by default). C<width> is in minutes, C<start> in unix
+seconds; buckets start at multiples of the width since the epoch (so a
+5-minute bucket starts at :00, :05, ...) and run from the one holding the
+first request to the one holding the last, empty ones included. With no
+minutes, C<width> is 1 and C<rows> empty. The text form uses it, and so can
+other renderers.
+
+=head1 THE SUMMARY
+
+  {
+    records => 1000,                     # records counted
+    top_n   => 10,                       # length of the top lists
+    time => {
+      first        => 1763596800,        # earliest request_time, unix seconds
+      last         => 1763618399,        # latest
+      first_iso    => '2026-11-20T00:00:00Z',
+      last_iso     => '2026-11-20T05:59:59Z',
+      span_seconds => 21599,             # last - first
+      without_time => 0,                 # records without request_time
+    },
+    classification => [                  # every value, ranked; shares add up to 1
+      { key => 'Browser', count => 600, share => 0.6 },
+      { key => '(none)',  count => 10,  share => 0.01 }, ...
+    ],
+    actual_mitigation_action => [ ... ], # same form
+    configured_vs_actual => [            # every pair, ranked by count,
+      { configured => 'block', actual => 'alarm', count => 7, share => 0.007 }, ...
+    ],                                   # then configured, then actual
+    top => {                             # one entry per list
+      bot_name => {
+        items    => [ { key => 'python-requests', count => 120 }, ... ],  # at most top_n
+        distinct => 37,                  # different keys seen
+        total    => 400,                 # sum of all their counts
+      },
+      bot_signature_category => {...}, anomalies => {...}, anomaly_categories => {...},
+      country_code => {...}, host => {...}, client_ip => {...}, request_path => {...},
+    },
+    per_minute => [                      # minutes with requests, in time order
+      { minute => 1763596800, count => 3 }, ...
+    ],
+  }
+
+Ranked means by count, largest first, and equal counts by key in ascending
+code-point order, so the order is the same on every machine.
+
+C<share> is C<count / records> rounded to 4 decimals (halves up), as a
+number: 0.3333 for a third. The top lists carry no shares: their share of
+the records is C<count / records>; C<total - sum of the items' counts> is
+what the rest of the keys add up to. For C<anomalies> and
+C<anomaly_categories> a record counts once per element, so their total may
+exceed the records.
+
+C<per_minute> is sparse: minutes without requests are left out. A minute is
+the unix time of its start (a multiple of 60). L</time_buckets> fills the
+gaps and groups the minutes.
+
+With no records, C<records> is 0, the C<time> values other than
+C<without_time> are C<undef> (C<null> in JSON), and every list is empty.
+All numbers are numbers, never strings, so JSON shows them unquoted.
+
+=head1 THE TEXT FORM
+
+A title line, then one section per figure: Records (count, first and last
+request time, span), Classification, Actual mitigation action, Configured
+vs actual action (labels C<configured -E<gt> actual>), the eight top lists
+(titled with how many are shown of how many distinct keys), and the
+requests over time in buckets from L</time_buckets> (its title names the
+bucket width, times in UTC). Sections are separated by an empty line.
+
+Each row of a table is a label (left-aligned, cut to 40 characters), the
+count (right-aligned), its share of all records as a percentage with one
+decimal (halves rounded up), and a bar scaled so that the table's largest
+count gets 30 cells: full blocks and one of the seven eighth blocks in
+unicode mode, C<#> rounded to whole cells otherwise. A table with no rows
+reads C<none>, and a report without records reads C<no records>. Lines have
+no trailing blanks.
+
+Labels show control characters, and the escapes of bytes that were not
+UTF-8 (U+DC80 to U+DCFF, see L<quillon_event_log::Codec/CHARACTERS AND BYTES>),
+as C<\xHH>, and the empty string as C<"">, so that every row stays on one
+line of a terminal. Characters that a terminal shows twice as wide are
+counted as one column.
+
+=head1 DIAGNOSTICS
+
+=over 4
+
+=item unknown option "NAME"
+
+C<new>, C<as_text> or C<time_buckets> was given an option it does not know.
+
+=item top must be a positive integer
+
+=item max_rows must be a positive integer
+
+=item merge needs a quillon_event_log::Report
+
+C<merge> was given something else than a report.
+
+=back
+
+=head1 AUTHOR
+
+The quillon_event_log team
+
+=head1 LICENSE
+
+restricted
+
+=cut
