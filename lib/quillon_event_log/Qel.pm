@@ -42,6 +42,10 @@ my $STOP = \'stop';
 
 sub main {
     my (@argv) = @_;
+    # Bytes that are not UTF-8 in text fields are normal in bot traffic, and
+    # qel keeps them exactly: the runtime's complaints about them would only
+    # drown the reports that matter.
+    quillon_event_log::RuntimeLog::mode('silent');
     my $self = bless { problems => 0 }, __PACKAGE__;
     my $command = shift @argv // '';
     if ($command eq '--help' || $command eq '-h' || $command eq 'help') {
@@ -100,6 +104,14 @@ sub problem {
 
 sub status { $_[0]{problems} ? SKIPPED : CLEAN }
 
+# An exception's text without Perl's " at FILE line N." ending.
+sub reason {
+    my ($error) = @_;
+    $error =~ s/ at \S+ line \d+(?:, <[^>]*> (?:line|chunk) \d+)?\.\n\z//;
+    chomp $error;
+    return $error;
+}
+
 # The field names, checked: the codec's own message for an unknown one.
 my $types;
 sub field_types { $types //= quillon_event_log::Codec::field_types() }
@@ -108,8 +120,7 @@ sub check_field {
     my ($self, $name, $option) = @_;
     return 1 if field_types()->{$name};
     eval { quillon_event_log::Codec::encode_event({ $name => undef }); 1 } and return 1;
-    (my $why = $@) =~ s/ at \S+ line \d+\.\n\z//;
-    $self->{exit} = $self->usage_error("$option: $why");
+    $self->{exit} = $self->usage_error("$option: " . reason($@));
     return;
 }
 
@@ -131,8 +142,7 @@ sub each_record {
                 on_error => sub { $self->problem($_[0]{message}) });
         };
         if (!$reader) {
-            (my $why = $@) =~ s/ at \S+ line \d+\.\n\z//;
-            $self->problem("qel: $why");
+            $self->problem('qel: ' . reason($@));
             next;
         }
         my $count = 0;
@@ -250,11 +260,11 @@ sub encode {
         binmode $fh;
         while (my $line = <$fh>) {
             next if $line =~ /\A\s*\z/;
+            chomp $line;
             my $bytes = eval { $self->event_bytes($codec, $json->decode($line)) };
             if (!defined $bytes) {
                 die $@ if ref $@;
-                (my $why = $@) =~ s/ at \S+ line \d+\.\n\z//;
-                $self->problem("$file: line $.: $why");
+                $self->problem("$file: line $.: " . reason($@));
                 next;
             }
             if ($single) {
