@@ -21,6 +21,13 @@ packages=(
     perl-doc
     libsereal-perl
     libcbor-xs-perl
+    zlib1g-dev
+    libterm-progressbar-perl
+    libio-pty-perl
+    python3
+    python3-protobuf
+    jq
+    gzip
 )
 
 missing=()
