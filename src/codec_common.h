@@ -242,8 +242,12 @@ struct Fault {
 
 // decode without the croak, for readers of many records: the hash reference
 // (mortal), or null with `fault` set.  The input's length is at most
-// 2147483647 bytes.
-SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault);
+// 2147483647 bytes.  `only`, when given, is a bit per field index of the
+// fields to decode: the others are passed over unchecked, and unknown fields
+// should then be dropped (kDropUnknown), since their positions would count
+// only the chosen fields.
+SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault,
+                  const uint64_t *only = nullptr);
 
 }  // namespace codec
 }  // namespace qel

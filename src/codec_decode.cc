@@ -55,6 +55,7 @@ struct Dec {
     AddressState address[kRecordAddressCount ? kRecordAddressCount : 1];
     AV *unknown;  // top-level runs: mortal, or null
     SV *bad;      // array of Bad in a mortal buffer, or null
+    const uint64_t *only;  // the fields to decode (bit per field index), or null for all
     WireError err;
 };
 
@@ -189,6 +190,13 @@ bool read_record(pTHX_ Dec &d, const Byte *p, const Byte *end) {
         if (!(p = read_tag(p, end, tag, d.err)))
             return false;
         const Field *f = level.find(tag >> 3);
+        if (f && d.only && !(d.only[(f - level.fields) / 64] >> ((f - level.fields) % 64) & 1)) {
+            // A field the caller did not ask for: passed over like a dropped
+            // unknown field.
+            if (!(p = skip_value(at, p, end, tag, &level, nullptr, 0, d.err)))
+                return false;
+            continue;
+        }
         if (f && (tag & 7) == f->wire_type) {
             const size_t i = static_cast<size_t>(f - level.fields);
             Value &value = d.value[i];
@@ -347,8 +355,9 @@ SV *decode_bytes(pTHX_ SV *arg, unsigned options) {
     return result;
 }
 
-SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault) {
+SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault, const uint64_t *only) {
     Dec d;
+    d.only = only;
     d.begin = reinterpret_cast<const Byte *>(bytes);
     d.options = options;
     std::memset(d.present, 0, sizeof d.present);

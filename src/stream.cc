@@ -504,7 +504,7 @@ template <Kind kind> XS_INTERNAL(xs_next) {
         }
         codec::Fault fault;
         if (kind == Kind::Hash) {
-            if (SV *hash = codec::decode_buffer(aTHX_ bytes, len, r->options, fault)) {
+            if (SV *hash = codec::decode_buffer(aTHX_ bytes, len, r->options, fault, r->selective ? r->only : nullptr)) {
                 ST(0) = hash;
                 XSRETURN(1);
             }
@@ -548,12 +548,31 @@ template <int which> XS_INTERNAL(xs_reader_info) {
     XSRETURN(1);
 }
 
-// _open(CLASS, SOURCE, NAME, CODEC_OPTIONS, ON_ERROR, MAX_RECORD): SOURCE is a
-// file handle or a reference to a byte string.
+// _open(CLASS, SOURCE, NAME, CODEC_OPTIONS, ON_ERROR, MAX_RECORD, FIELDS):
+// SOURCE is a file handle or a reference to a byte string; FIELDS an array
+// of the field names next decodes, or undef for all.
 XS_INTERNAL(xs_reader_open) {
     dXSARGS;
-    if (items != 6)
-        croak_xs_usage(cv, "class, source, name, options, on_error, max_record");
+    if (items != 7)
+        croak_xs_usage(cv, "class, source, name, options, on_error, max_record, fields");
+    uint64_t only[(kRecordFieldCount + 63) / 64] = {};
+    const bool selective = SvROK(ST(6)) && SvTYPE(SvRV(ST(6))) == SVt_PVAV;
+    if (selective) {
+        AV *names = reinterpret_cast<AV *>(SvRV(ST(6)));
+        const codec::Level &level = *codec::levels().record;
+        for (SSize_t k = 0; k <= av_len(names); ++k) {
+            SV **name = av_fetch(names, k, 0);
+            STRLEN len;
+            const char *text = name ? SvPV(*name, len) : "";
+            size_t i = 0;
+            while (i < level.count && !(level.fields[i].len == (name ? len : 0) &&
+                                        std::memcmp(level.fields[i].name, text, level.fields[i].len) == 0))
+                ++i;
+            if (i == level.count)
+                croak("unknown field \"%s\"", text);
+            only[i / 64] |= uint64_t(1) << (i % 64);
+        }
+    }
     SV *src = ST(1);
     std::unique_ptr<Source> source;
     SV *bytes = nullptr;
@@ -581,6 +600,8 @@ XS_INTERNAL(xs_reader_open) {
     SV *on_error = SvOK(ST(4)) ? newSVsv(ST(4)) : nullptr;
     Reader *r = new Reader(aTHX_ std::move(source), newSVsv(ST(2)), on_error,
                            static_cast<unsigned>(SvUV(ST(3))), static_cast<uint64_t>(SvUV(ST(5))));
+    r->selective = selective;
+    std::memcpy(r->only, only, sizeof only);
     ST(0) = new_handle(aTHX_ gv_stashsv(ST(0), GV_ADD), r);
     XSRETURN(1);
 }

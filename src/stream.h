@@ -106,6 +106,8 @@ class Reader {
     SV *on_error;        // a code reference, or null: problems croak
     SV *buffer;          // the bytes of the last record
     unsigned options;    // of the codec that makes hashes
+    bool selective = false;                          // next decodes only ...
+    uint64_t only[(kRecordFieldCount + 63) / 64] = {};  // ... these fields
     uint64_t max_record;
     UV index = 0;        // the number of the last record, from 1
     int64_t offset = -1; // where its length prefix starts

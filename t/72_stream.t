@@ -113,6 +113,17 @@ subtest 'codec options pass on' => sub {
         'the writer encodes with its options';
 };
 
+subtest 'fields: only the fields asked for' => sub {
+    my $b = encode_event({ bot_name => 'curl', host => 'h', anomalies => ['x'], request_time => 5,
+                           client_ip => { ip3 => 1 }, _unknown => ['0:980601'] });
+    my $stream = framed($b, $b);
+    my $r = quillon_event_log::Stream->reader(\$stream, fields => [qw(request_time anomalies client_ip)]);
+    is_deeply $r->next, { request_time => 5, anomalies => ['x'], client_ip => { ip3 => 1 } }, 'three fields, no _unknown';
+    is $r->next_bytes, $b, 'next_bytes is not affected';
+    $r = quillon_event_log::Stream->reader(\framed("\x0a\x01a\x22\x02\x08\x80"), fields => ['bot_name']);
+    is_deeply $r->next, { bot_name => 'a' }, 'a broken field not asked for is passed over';
+};
+
 subtest 'the scalar is copied: changing it afterwards changes nothing' => sub {
     my $stream = framed(@bytes);
     my $r = quillon_event_log::Stream->reader(\$stream);
@@ -188,7 +199,7 @@ subtest 'option errors' => sub {
     my $s = '';
     my @cases = (
         [sub { quillon_event_log::Stream->reader(\$s, colour => 1) },
-         'unknown option "colour" (known options: addresses, characters, codec, max_record, name, on_error, unknown_fields)'],
+         'unknown option "colour" (known options: addresses, characters, codec, fields, max_record, name, on_error, unknown_fields)'],
         [sub { quillon_event_log::Stream->writer(\*STDOUT, colour => 1) },
          'unknown option "colour" (known options: addresses, characters, codec, gzip, name, unknown_fields)'],
         [sub { quillon_event_log::Stream->reader(\$s, on_error => 1) }, 'option on_error must be a code reference'],
@@ -203,10 +214,14 @@ subtest 'option errors' => sub {
         [sub { quillon_event_log::Stream->writer({}) }, 'the destination must be a path or a file handle'],
         [sub { quillon_event_log::Stream->writer("$dir/no/such/dir/x") }, "cannot open $dir/no/such/dir/x for writing: No such file or directory"],
     );
+    push @cases,
+        [sub { quillon_event_log::Stream->reader(\$s, fields => 'bot_name') }, 'option fields must be an array reference of field names'],
+        [sub { quillon_event_log::Stream->reader(\$s, fields => ['bot_nmae']) },
+         'option fields: unknown field "bot_nmae" (did you mean "bot_name"?)'];
     for (@cases) {
         my ($code, $text) = @$_;
         eval { $code->() };
-        like $@, qr/\A\Q$text\E at \S+ line \d+\.\n\z/, $text;
+        like $@, qr/\A\Q$text\E at \Q$0\E line \d+\.\n\z/, $text;
     }
     my $buf = '';
     open my $fh, '>', \$buf or die;

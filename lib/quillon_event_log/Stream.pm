@@ -9,6 +9,11 @@ use Carp ();
 use Scalar::Util ();
 use quillon_event_log::Codec ();    # loads the shared object with the readers and writers
 
+# Errors are reported where the caller called a reader's or writer's method,
+# not inside this file.
+$Carp::Internal{$_}++ for qw(quillon_event_log::Stream quillon_event_log::Stream::Reader
+                             quillon_event_log::Stream::Writer);
+
 sub reader { shift; quillon_event_log::Stream::Reader->new(@_) }
 sub writer { shift; quillon_event_log::Stream::Writer->new(@_) }
 
@@ -24,7 +29,8 @@ sub _codec_bits {
             unless Scalar::Util::blessed($codec) && $codec->isa('quillon_event_log::Codec');
         Carp::croak('give either codec or the codec options, not both') if %codec_opt;
     } else {
-        $codec = quillon_event_log::Codec->new(%codec_opt);
+        $codec = eval { quillon_event_log::Codec->new(%codec_opt) }
+            or Carp::croak($@ =~ s/ at \S+ line \d+\.\n\z//r);
     }
     return $$codec;
 }
@@ -47,7 +53,7 @@ our $VERSION = '1.0';
 
 sub CLONE_SKIP { 1 }
 
-my @reader_options = qw(addresses characters codec max_record name on_error unknown_fields);
+my @reader_options = qw(addresses characters codec fields max_record name on_error unknown_fields);
 
 sub new {
     my ($class, $source, %opt) = @_;
@@ -60,6 +66,20 @@ sub new {
     Carp::croak("option max_record must be a positive integer, not \"$max\"")
         unless $max =~ /\A[1-9][0-9]{0,9}\z/ && $max <= 2147483647;
     my $name = delete $opt{name};
+    my $fields = delete $opt{fields};
+    if (defined $fields) {
+        Carp::croak('option fields must be an array reference of field names') unless ref $fields eq 'ARRAY';
+        my $types = quillon_event_log::Codec::field_types();
+        for my $field (@$fields) {
+            next if defined $field && $types->{$field};
+            # The codec's own message, with its spelling suggestion.
+            eval { quillon_event_log::Codec::encode_event({ $field // '' => undef }) };
+            (my $why = $@) =~ s/ at \S+ line \d+\.\n\z//;
+            Carp::croak("option fields: $why");
+        }
+        # Unknown fields go with the fields not asked for.
+        $bits |= ${ quillon_event_log::Codec->new(unknown_fields => 'drop') };
+    }
     quillon_event_log::Stream::_refuse_unknown(\%opt, @reader_options);
 
     my $handle;
@@ -78,7 +98,7 @@ sub new {
     } else {
         Carp::croak('the source must be a path, a file handle or a reference to a byte string');
     }
-    return $class->_open($handle, "$name", $bits, $on_error, $max);
+    return $class->_open($handle, "$name", $bits, $on_error, $max, $fields);
 }
 
 package quillon_event_log::Stream::Writer;
@@ -209,6 +229,14 @@ A L<quillon_event_log::Codec> object to take the options from, instead.
 
 Called for each problem instead of dying (L</PROBLEMS>). Without it, the
 first problem dies with the problem's message.
+
+=item fields => [NAMES]
+
+C<next> decodes only these fields (and no unknown fields), which is faster
+when a program needs a few fields of large records. The other fields are
+passed over without being checked, so a record that is broken only inside a
+field not asked for is not reported. C<next_record> and C<next_bytes> are
+not affected.
 
 =item max_record => BYTES
 
