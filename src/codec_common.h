@@ -245,9 +245,11 @@ struct Fault {
 // 2147483647 bytes.  `only`, when given, is a bit per field index of the
 // fields to decode: the others are passed over unchecked, and unknown fields
 // should then be dropped (kDropUnknown), since their positions would count
-// only the chosen fields.
+// only the chosen fields.  `canonical`, when given, is set to whether encode
+// with the same options (unknown fields kept, all fields) gives the input
+// back byte for byte.
 SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault,
-                  const uint64_t *only = nullptr);
+                  const uint64_t *only = nullptr, bool *canonical = nullptr);
 
 }  // namespace codec
 }  // namespace qel

@@ -56,6 +56,7 @@ struct Dec {
     AV *unknown;  // top-level runs: mortal, or null
     SV *bad;      // array of Bad in a mortal buffer, or null
     const uint64_t *only;  // the fields to decode (bit per field index), or null for all
+    bool canonical;        // so far, encode would give the input back byte for byte
     WireError err;
 };
 
@@ -125,6 +126,13 @@ SV *string_sv(pTHX_ Dec &d, const Field &f, const Byte *p, size_t len) {
     return sv;
 }
 
+// Whether the varint or tag that ended at `q`, begun at `p`, is the one
+// encode writes for its value: a longer one ends in a zero byte, and a
+// tenth byte holds only bit 63 (the reader drops anything above).
+inline bool minimal(const Byte *p, const Byte *q) {
+    return q - p == 1 || (q[-1] != 0 && (q - p < 10 || q[-1] == 1));
+}
+
 // A length-delimited value: its bytes, checked against the end.
 inline const Byte *read_length(Dec &d, const Byte *p, const Byte *end, const Field *f, uint32_t number,
                                const char *context, size_t &len) {
@@ -132,6 +140,8 @@ inline const Byte *read_length(Dec &d, const Byte *p, const Byte *end, const Fie
     const Byte *q = read_varint(p, end, n, d.err);
     if (!q)
         return nullptr;
+    if (!minimal(p, q))
+        d.canonical = false;
     if (n > static_cast<uint64_t>(end - q))
         return fail(d.err, p, Reason::LengthPastEnd, number, f ? f->name : nullptr, context);
     len = static_cast<size_t>(n);
@@ -144,6 +154,11 @@ bool read_address(pTHX_ Dec &d, const Byte *p, const Byte *end, AddressState &a,
     const bool keep = !(d.options & kDropUnknown);
     const Byte *run = nullptr;
     size_t run_pos = 0;
+    // Encode writes each word once, in field order, each value as its
+    // shortest varint below 2^32.
+    if (a.known)
+        d.canonical = false;  // a second occurrence: encode writes one
+    size_t next = 0;
     while (p < end) {
         const Byte *at = p;
         uint32_t tag;
@@ -153,6 +168,7 @@ bool read_address(pTHX_ Dec &d, const Byte *p, const Byte *end, AddressState &a,
         }
         const Field *f = level.find(tag >> 3);
         if (f && (tag & 7) == f->wire_type) {
+            const Byte *v_at = p;
             uint64_t v;
             if (!(p = read_varint(p, end, v, d.err)))
                 return false;
@@ -161,6 +177,9 @@ bool read_address(pTHX_ Dec &d, const Byte *p, const Byte *end, AddressState &a,
                 run = nullptr;
             }
             const size_t j = static_cast<size_t>(f - level.fields);
+            if (j < next || !minimal(at, v_at) || !minimal(v_at, p) || v > UINT32_MAX)
+                d.canonical = false;
+            next = j + 1;
             a.word[j] = static_cast<uint32_t>(v);  // the low 32 bits, as the runtime keeps
             a.present |= uint32_t(1) << j;
             ++a.known;
@@ -184,6 +203,9 @@ bool read_record(pTHX_ Dec &d, const Byte *p, const Byte *end) {
     const bool keep = !(d.options & kDropUnknown);
     const Byte *run = nullptr;
     size_t run_pos = 0, known = 0;
+    // Encode writes the fields in field order, each once (a list's elements
+    // one after another), with the shortest tags and varints.
+    size_t next = 0;
     while (p < end) {
         const Byte *at = p;
         uint32_t tag;
@@ -200,6 +222,10 @@ bool read_record(pTHX_ Dec &d, const Byte *p, const Byte *end) {
         if (f && (tag & 7) == f->wire_type) {
             const size_t i = static_cast<size_t>(f - level.fields);
             Value &value = d.value[i];
+            if ((i < next && !(i + 1 == next && f->family == Family::StringList)) || !minimal(at, p))
+                d.canonical = false;
+            next = i + 1;
+            const Byte *v_at = p;
             switch (f->family) {
             case Family::String: {
                 size_t len;
@@ -215,6 +241,9 @@ bool read_record(pTHX_ Dec &d, const Byte *p, const Byte *end) {
             case Family::Bool:
                 if (!(p = read_varint(p, end, value.n, d.err)))
                     return false;
+                if (!minimal(v_at, p) || (f->family == Family::UInt32 && value.n > UINT32_MAX) ||
+                    (f->family == Family::Bool && value.n > 1))
+                    d.canonical = false;
                 break;
             case Family::Address: {
                 size_t len;
@@ -355,9 +384,11 @@ SV *decode_bytes(pTHX_ SV *arg, unsigned options) {
     return result;
 }
 
-SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault, const uint64_t *only) {
+SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &fault, const uint64_t *only,
+                  bool *canonical) {
     Dec d;
     d.only = only;
+    d.canonical = true;
     d.begin = reinterpret_cast<const Byte *>(bytes);
     d.options = options;
     std::memset(d.present, 0, sizeof d.present);
@@ -369,6 +400,8 @@ SV *decode_buffer(pTHX_ const char *bytes, size_t len, unsigned options, Fault &
         return nullptr;
     }
     SV *result = sv_2mortal(newRV_noinc(reinterpret_cast<SV *>(build_hash(aTHX_ d))));
+    if (canonical)
+        *canonical = d.canonical;
     if (d.bad) {
         // The runtime's own report, in input order (list elements were read
         // before the singular fields).

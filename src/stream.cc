@@ -498,13 +498,16 @@ template <Kind kind> XS_INTERNAL(xs_next) {
         }
         const char *bytes = SvPVX(r->buffer);
         const STRLEN len = SvCUR(r->buffer);
+        r->canonical_known = false;
         if (kind == Kind::Bytes) {
             ST(0) = sv_2mortal(newSVpvn(bytes, len));
             XSRETURN(1);
         }
         codec::Fault fault;
         if (kind == Kind::Hash) {
-            if (SV *hash = codec::decode_buffer(aTHX_ bytes, len, r->options, fault, r->selective ? r->only : nullptr)) {
+            if (SV *hash = codec::decode_buffer(aTHX_ bytes, len, r->options, fault, r->selective ? r->only : nullptr,
+                                                &r->canonical)) {
+                r->canonical_known = !r->selective && !(r->options & codec::kDropUnknown);
                 ST(0) = hash;
                 XSRETURN(1);
             }
@@ -544,6 +547,9 @@ template <int which> XS_INTERNAL(xs_reader_info) {
     case 3: ST(0) = sv_2mortal(newSVuv(static_cast<UV>(r.source->bytes_read()))); break;
     case 4: ST(0) = r.gzip ? &PL_sv_yes : &PL_sv_no; break;
     case 5: ST(0) = r.index ? sv_2mortal(newSVsv(r.buffer)) : &PL_sv_undef; break;
+    case 6:
+        ST(0) = !r.canonical_known || r.problem != Problem::None ? &PL_sv_undef : r.canonical ? &PL_sv_yes : &PL_sv_no;
+        break;
     }
     XSRETURN(1);
 }
@@ -773,6 +779,7 @@ constexpr Entry kEntries[] = {
     {"quillon_event_log::Stream::Reader::bytes_in", xs_reader_info<3>},
     {"quillon_event_log::Stream::Reader::compressed", xs_reader_info<4>},
     {"quillon_event_log::Stream::Reader::last_bytes", xs_reader_info<5>},
+    {"quillon_event_log::Stream::Reader::canonical", xs_reader_info<6>},
     {"quillon_event_log::Stream::Reader::close", xs_destroy<Reader>},
     {"quillon_event_log::Stream::Reader::DESTROY", xs_destroy<Reader>},
     {"quillon_event_log::Stream::Writer::_open", xs_writer_open},

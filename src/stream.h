@@ -112,6 +112,8 @@ class Reader {
     UV index = 0;        // the number of the last record, from 1
     int64_t offset = -1; // where its length prefix starts
     bool ended = false;
+    bool canonical = false;  // whether the last hash encodes back to its bytes ...
+    bool canonical_known = false;  // ... when next made it
     Problem problem = Problem::None;
     uint64_t detail[2] = {0, 0};  // numbers for the problem's text
 };

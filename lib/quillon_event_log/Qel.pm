@@ -214,26 +214,21 @@ my $json_out = JSON::XS->new->utf8->canonical;
 
 sub decode_json {
     my ($self, $files, $fields) = @_;
-    my $codec = quillon_event_log::Codec->new(characters => 1, addresses => 'text');
     my @flags = grep { field_types()->{$_} eq 'bool' } sort keys %{ field_types() };
     my ($true, $false) = (JSON::XS::true(), JSON::XS::false());
-    my %keep = map { $_ => 1 } @$fields;
     $self->each_record($files, 'next', sub {
         my ($event, $reader) = @_;
-        if (@$fields) {
-            delete @$event{ grep { !$keep{$_} } keys %$event };
-        } else {
+        unless (@$fields) {
             # Input that is not in canonical form (fields out of order, a
             # value given twice) keeps its exact bytes, so that encode gives
             # them back.
-            my $bytes = $reader->last_bytes;
-            $event->{_wire} = unpack 'H*', $bytes if $codec->encode($event) ne $bytes;
+            $event->{_wire} = unpack 'H*', $reader->last_bytes unless $reader->canonical;
         }
         for (@flags) {
             $event->{$_} = $event->{$_} ? $true : $false if exists $event->{$_};
         }
         print $json_out->encode($event), "\n";
-    }, characters => 1, addresses => 'text');
+    }, characters => 1, addresses => 'text', (@$fields ? (fields => $fields) : ()));
     return $self->status;
 }
 
@@ -358,7 +353,8 @@ sub filter {
             }
         }
         $writer->write_bytes($reader->last_bytes);
-    }, characters => 1, addresses => 'text');
+    }, characters => 1, addresses => 'text',
+       fields => [map({ $_->[0] } @tests), (defined $since || defined $until ? 'request_time' : ())]);
     $writer->close;
     return $self->status;
 }
@@ -429,7 +425,8 @@ sub report {
     return $self->usage_error("--top: expected a positive whole number, got \"$top\"") unless $top =~ /\A[1-9][0-9]*\z/;
     require quillon_event_log::Report;
     my $report = quillon_event_log::Report->new(top => $top);
-    $self->each_record(\@argv, 'next', sub { $report->add($_[0]) }, characters => 1, addresses => 'text');
+    $self->each_record(\@argv, 'next', sub { $report->add($_[0]) },
+                       characters => 1, addresses => 'text', fields => [quillon_event_log::Report->fields]);
     binmode STDOUT;
     if ($json) {
         print $report->as_json;

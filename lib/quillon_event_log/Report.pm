@@ -71,6 +71,13 @@ sub _empty_state {
 }
 
 # The hot path: one hash increment per figure, nothing else.
+# The fields add reads: a reader can decode only these.
+my @FIELDS = qw(classification actual_mitigation_action configured_mitigation_action bot_name
+                bot_signature_category country_code host anomalies anomaly_categories client_ip
+                request_uri request_time);
+
+sub fields { @FIELDS }
+
 sub add {
     my ($self, $e) = @_;
     my $s = $self->{state};

@@ -276,6 +276,17 @@ The bytes of the record that the last C<next>, C<next_record> or
 C<next_bytes> read (also of one it reported as a problem), or C<undef>
 before the first.
 
+=head2 canonical
+
+After C<next>: true when the codec, with the reader's options, encodes the
+hash back to exactly the record's bytes; false when the bytes are in another
+form that decodes to the same hash (fields out of order or given twice,
+over-long varints, a flag above 1, a 32-bit value written with more bits,
+an address in several parts). C<undef> after C<next_record>, C<next_bytes>,
+a problem, or when the reader decodes only some C<fields> or drops unknown
+fields. C<qel decode --json> keeps the bytes of a record that is not
+canonical, so that C<qel encode> can give them back.
+
 =head2 index, offset
 
 Where the last record stood: C<index> is its number, 1 for the first record
