@@ -384,8 +384,9 @@ be written.
 
 =head1 THREADS
 
-Readers and writers belong to the thread that made them; a new thread gets
-C<undef> in their place.
+Readers and writers belong to the thread that made them: in a new thread,
+the variables that held them hold references to unblessed C<undef>. A thread
+makes its own readers and writers.
 
 =head1 AUTHOR
 
