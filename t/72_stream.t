@@ -3,6 +3,8 @@
 use strict;
 use warnings;
 use Test::More;
+use lib 't/lib';
+use QelTest qw(varint framed);
 use File::Temp qw(tempdir);
 
 use quillon_event_log::Stream;
@@ -13,15 +15,6 @@ my $dir = tempdir(CLEANUP => 1);
 my $CLASS = 'quillon_event_log::QuillonEventLog';
 
 sub slurp_raw { my ($p) = @_; open my $fh, '<:raw', $p or die "$p: $!"; local $/; <$fh> }
-
-sub varint {
-    my ($n) = @_;
-    my $out = '';
-    while ($n >= 0x80) { $out .= chr(($n & 0x7f) | 0x80); $n >>= 7 }
-    return $out . chr $n;
-}
-
-sub framed { join '', map { varint(length $_) . $_ } @_ }
 
 my @events = (
     { bot_name => 'curl', request_time => 1763596800 },

@@ -4,17 +4,11 @@
 use strict;
 use warnings;
 use Test::More;
+use lib 't/lib';
+use QelTest qw(varint framed);
 
 use quillon_event_log::Stream;
 use quillon_event_log::Codec qw(encode_event);
-
-sub varint {
-    my ($n) = @_;
-    my $out = '';
-    while ($n >= 0x80) { $out .= chr(($n & 0x7f) | 0x80); $n >>= 7 }
-    return $out . chr $n;
-}
-sub framed { join '', map { varint(length $_) . $_ } @_ }
 
 my $good = encode_event({ bot_name => 'curl' });    # 0a 04 c u r l: 6 bytes, 7 framed
 my $g7 = length framed($good);

@@ -6,6 +6,8 @@
 use strict;
 use warnings;
 use Test::More;
+use lib 't/lib';
+use QelTest qw(varint);
 
 use quillon_event_log::Stream;
 use quillon_event_log::Codec;
@@ -13,13 +15,6 @@ use quillon_event_log::Sample;
 
 quillon_event_log::RuntimeLog::mode('silent');
 srand 20261123;
-
-sub varint {
-    my ($n) = @_;
-    my $out = '';
-    while ($n >= 0x80) { $out .= chr(($n & 0x7f) | 0x80); $n >>= 7 }
-    return $out . chr $n;
-}
 
 my $encoder = quillon_event_log::Codec->new(addresses => 'text');
 my $gen = quillon_event_log::Sample->new(seed => 3, count => 200);

@@ -5,6 +5,8 @@ use strict;
 use warnings;
 use Config;
 use Test::More;
+use lib 't/lib';
+use QelTest qw(varint framed);
 
 use quillon_event_log::Stream;
 use quillon_event_log::Codec qw(encode_event);
@@ -12,13 +14,6 @@ use quillon_event_log::Codec qw(encode_event);
 quillon_event_log::RuntimeLog::mode('silent');
 srand 7;
 
-sub varint {
-    my ($n) = @_;
-    my $out = '';
-    while ($n >= 0x80) { $out .= chr(($n & 0x7f) | 0x80); $n >>= 7 }
-    return $out . chr $n;
-}
-sub framed { join '', map { varint(length $_) . $_ } @_ }
 sub gzipped {
     my (@records) = @_;
     open my $fh, '>', \my $z or die;

@@ -3,6 +3,8 @@
 use strict;
 use warnings;
 use Test::More;
+use lib 't/lib';
+use QelTest qw(varint framed);
 use File::Temp qw(tempdir);
 use JSON::XS ();
 
@@ -32,14 +34,6 @@ sub qel {
     waitpid $pid, 0;
     return (slurp($out), slurp($err), $? >> 8);
 }
-
-sub varint {
-    my ($n) = @_;
-    my $out = '';
-    while ($n >= 0x80) { $out .= chr(($n & 0x7f) | 0x80); $n >>= 7 }
-    return $out . chr $n;
-}
-sub framed { join '', map { varint(length $_) . $_ } @_ }
 
 my $ip = sub { +{ ip0 => 0, ip1 => 0, ip2 => 0, ip3 => $_[0], rtdom_id => 0 } };
 my @events = (

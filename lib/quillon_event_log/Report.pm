@@ -598,6 +598,8 @@ The quillon_event_log team
 
 =head1 LICENSE
 
-restricted
+Copyright the quillon_event_log team's company. All rights reserved;
+distribution restricted. This module is proprietary and for internal use
+only; it is not free software and may not be redistributed.
 
 =cut

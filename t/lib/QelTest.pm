@@ -20,7 +20,7 @@ our @EXPORT_OK = qw(
     $CLASS $ADDR_CLASS
     field_table field_names family_fields family_of address_fields
     proto_path proto_text
-    unhex varint bytes_is run_perl
+    unhex varint framed bytes_is run_perl
     error_of code_for at_re usage_re
     $TYPE_RE $EMPTY_RE $IP_TYPE_RE $IP_EMPTY_RE
     flags_of is_string_sv is_int_sv
@@ -187,6 +187,9 @@ sub varint {
     $groups[$_] |= 0x80 for 0 .. $#groups - 1;
     return pack 'C*', @groups;
 }
+
+# Records as a stream: each preceded by its length as a varint.
+sub framed { join '', map { varint(length $_) . $_ } @_ }
 
 sub _tag { varint(($_[0] << 3) | $_[1]) }
 
