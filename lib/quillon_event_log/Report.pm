@@ -44,13 +44,33 @@ my $FULL_BLOCK = "\x{2588}";
 
 my $JSON = JSON::XS->new->utf8->canonical;
 
+# Memory stays bounded whatever the input: a counter keeps exact counts while
+# it has at most twice this many keys; past that it keeps the largest counts
+# (see _compact), and the timeline counts hours, then days, instead of
+# minutes.  Counters are looked at every CHECK_EVERY records.
+my $MAX_KEYS    = 100_000;
+my $CHECK_EVERY = 4096;
+
+# The bounded counters: the share tables and the top lists.  A pair of
+# configured and actual action is one key, the two joined by a NUL.
+my @COUNTERS = (qw(classification actual_mitigation_action configured_vs_actual), map { $_->[0] } @TOP_LISTS);
+
+# What a partial report (state as JSON) says it is, so that --merge can tell.
+my $PARTIAL_FORMAT = 'quillon_event_log report partial';
+my $PARTIAL_VERSION = 1;
+
 sub new {
     my ($class, %opt) = @_;
     my $top = exists $opt{top} ? delete $opt{top} : 10;
+    my $max = exists $opt{max_keys} ? delete $opt{max_keys} : $MAX_KEYS;
     croak "unknown option \"$_\"" for sort keys %opt;
     croak 'top must be a positive integer'
         unless defined $top && !ref $top && $top =~ /\A[1-9][0-9]*\z/;
-    return bless { top => 0 + $top, state => _empty_state() }, $class;
+    croak 'max_keys must be a positive integer'
+        unless defined $max && !ref $max && $max =~ /\A[1-9][0-9]*\z/;
+    # Small bounds are looked at more often, so that they hold all the same.
+    my $every = $max < $CHECK_EVERY ? $max : $CHECK_EVERY;
+    return bless { top => 0 + $top, max_keys => 0 + $max, check_every => $every, state => _empty_state() }, $class;
 }
 
 sub _empty_state {
@@ -61,12 +81,14 @@ sub _empty_state {
         # counted, without a test for "none yet" in add or merge.
         first_time   => 2**32,
         last_time    => -1,
-        # The counters, each a hash of counts (merge adds every hash it finds).
-        per_minute               => {},    # minute start (unix seconds) => count
-        classification           => {},
-        actual_mitigation_action => {},
-        configured_vs_actual     => {},    # configured => { actual => count }
-        map { $_->[0] => {} } @TOP_LISTS,
+        # Requests over time: bucket start (unix seconds) => { actual
+        # mitigation action => count }, buckets of `unit` seconds.
+        unit     => 60,
+        timeline => {},
+        # The counters, each a hash of counts, and how far each one's counts
+        # may be low (0 while it is exact).
+        (map { $_ => {} } @COUNTERS),
+        error => { map { $_ => 0 } @COUNTERS },
     };
 }
 
@@ -86,7 +108,7 @@ sub add {
     $s->{classification}{ $e->{classification} // $NONE }++;
     my $actual = $e->{actual_mitigation_action} // $NONE;
     $s->{actual_mitigation_action}{$actual}++;
-    $s->{configured_vs_actual}{ $e->{configured_mitigation_action} // $NONE }{$actual}++;
+    $s->{configured_vs_actual}{ ($e->{configured_mitigation_action} // $NONE) . "\0$actual" }++;
 
     my $v;
     $s->{bot_name}{$v}++               if defined($v = $e->{bot_name});
@@ -109,14 +131,61 @@ sub add {
         $s->{request_path}{ $q < 0 ? $v : substr $v, 0, $q }++;
     }
     if (defined($v = $e->{request_time})) {
-        $s->{per_minute}{ $v - $v % 60 }++;
+        $s->{timeline}{ $v - $v % $s->{unit} }{$actual}++;
         $s->{first_time} = $v if $v < $s->{first_time};
         $s->{last_time}  = $v if $v > $s->{last_time};
     }
     else {
         $s->{without_time}++;
     }
+    $self->_bound unless $s->{records} % $self->{check_every};
     return $self;
+}
+
+# Keeps every counter and the timeline within their bounds.
+sub _bound {
+    my ($self) = @_;
+    my $s = $self->{state};
+    my $max = $self->{max_keys};
+    for my $name (@COUNTERS) {
+        _compact($s, $name, $max) if keys %{ $s->{$name} } > 2 * $max;
+    }
+    while (keys %{ $s->{timeline} } > $max && $s->{unit} < 86400) {
+        _coarsen($s, $s->{unit} == 60 ? 3600 : 86400);
+    }
+    return;
+}
+
+# A counter past its bound keeps its `max` largest counts: the count of the
+# next one is taken from every count (counts that reach 0 go) and added to
+# the counter's error.  This is the summary of Misra and Gries: a key's count
+# is never more than its true count nor less than that minus the error, every
+# key whose true count exceeds the error is still there, and two such
+# summaries merge by adding counts and errors and compacting again.
+sub _compact {
+    my ($s, $name, $max) = @_;
+    my $counts = $s->{$name};
+    my @sorted = sort { $b <=> $a } values %$counts;
+    return if @sorted <= $max;
+    my $cut = $sorted[$max];
+    for my $k (keys %$counts) {
+        delete $counts->{$k} if ($counts->{$k} -= $cut) <= 0;
+    }
+    $s->{error}{$name} += $cut;
+    return;
+}
+
+# Regroups the timeline into buckets of `unit` seconds.
+sub _coarsen {
+    my ($s, $unit) = @_;
+    my %coarse;
+    while (my ($start, $actions) = each %{ $s->{timeline} }) {
+        my $into = $coarse{ $start - $start % $unit } //= {};
+        $into->{$_} += $actions->{$_} for keys %$actions;
+    }
+    $s->{timeline} = \%coarse;
+    $s->{unit} = $unit;
+    return;
 }
 
 # The codec leaves an address as a hash of its words when it cannot be a text
@@ -138,24 +207,81 @@ sub merge {
     $s->{first_time} = $o->{first_time} if $o->{first_time} < $s->{first_time};
     $s->{last_time}  = $o->{last_time}  if $o->{last_time} > $s->{last_time};
     $s->{$_} += $o->{$_} for qw(records without_time);
-    for my $k (keys %$o) {
-        _add_counts($s->{$k}, $o->{$k}) if ref $o->{$k};
+    for my $name (@COUNTERS) {
+        my $into = $s->{$name};
+        my $from = $o->{$name};
+        $into->{$_} += $from->{$_} for keys %$from;
+        $s->{error}{$name} += $o->{error}{$name};
+    }
+    # Timelines meet at the coarser of the two units.
+    _coarsen($s, $o->{unit}) if $o->{unit} > $s->{unit};
+    my $unit = $s->{unit};
+    while (my ($start, $actions) = each %{ $o->{timeline} }) {
+        my $into = $s->{timeline}{ $start - $start % $unit } //= {};
+        $into->{$_} += $actions->{$_} for keys %$actions;
+    }
+    $self->_bound;
+    return $self;
+}
+
+# ---- partial reports ------------------------------------------------------------
+
+sub partial {
+    my ($self) = @_;
+    $self->_bound;
+    return $JSON->encode({ format => $PARTIAL_FORMAT, version => 0 + $PARTIAL_VERSION,
+                           max_keys => $self->{max_keys}, state => $self->{state} }) . "\n";
+}
+
+sub from_partial {
+    my ($class, $bytes, %opt) = @_;
+    my $data = eval { $JSON->decode($bytes) };
+    croak 'not a partial report: ' . ($@ =~ s/ at \S+ line \d+\.\n\z//r) unless $data;
+    croak 'not a partial report' unless ref $data eq 'HASH' && ($data->{format} // '') eq $PARTIAL_FORMAT;
+    my $version = $data->{version} // '';
+    croak "partial report of version $version; this is version $PARTIAL_VERSION"
+        unless !ref $version && $version =~ /\A[0-9]+\z/ && $version == $PARTIAL_VERSION;
+    my $self = $class->new(%opt, max_keys => $data->{max_keys});
+    my $s = $self->{state};
+    my $in = $data->{state};
+    croak 'not a partial report: no state' unless ref $in eq 'HASH';
+    # Every figure is checked before it is believed: a partial is a file.
+    for my $n (qw(records without_time first_time last_time unit)) {
+        croak "partial report: $n is not a number" unless defined $in->{$n} && !ref $in->{$n}
+            && $in->{$n} =~ /\A-?[0-9]+\z/;
+        $s->{$n} = 0 + $in->{$n};
+    }
+    croak 'partial report: unit must be 60, 3600 or 86400' unless grep { $s->{unit} == $_ } 60, 3600, 86400;
+    for my $name (@COUNTERS) {
+        $s->{$name} = _counts($in->{$name}, $name);
+        my $e = ref $in->{error} eq 'HASH' ? $in->{error}{$name} : undef;
+        croak "partial report: error of $name is not a number" unless defined $e && !ref $e && $e =~ /\A[0-9]+\z/;
+        $s->{error}{$name} = 0 + $e;
+    }
+    croak 'partial report: timeline is not an object' unless ref $in->{timeline} eq 'HASH';
+    for my $start (keys %{ $in->{timeline} }) {
+        croak 'partial report: timeline bucket is not a time' unless $start =~ /\A[0-9]+\z/;
+        $s->{timeline}{$start} = _counts($in->{timeline}{$start}, 'timeline');
     }
     return $self;
 }
 
-# Adds a hash of counts (or of hashes of counts) into another.
-sub _add_counts {
-    my ($into, $from) = @_;
-    for my $k (keys %$from) {
-        if (ref $from->{$k}) { _add_counts($into->{$k} //= {}, $from->{$k}) }
-        else                 { $into->{$k} += $from->{$k} }
+sub _counts {
+    my ($counts, $name) = @_;
+    croak "partial report: $name is not an object of counts" unless ref $counts eq 'HASH';
+    my %out;
+    for (keys %$counts) {
+        my $c = $counts->{$_};
+        croak "partial report: a count of $name is not a positive number"
+            unless defined $c && !ref $c && $c =~ /\A[1-9][0-9]*\z/;
+        $out{$_} = 0 + $c;
     }
-    return;
+    return \%out;
 }
 
 sub summary {
     my ($self) = @_;
+    $self->_bound;
     my $s       = $self->{state};
     my $records = $s->{records};
     my ($first, $last) = $s->{last_time} < 0 ? () : @$s{qw(first_time last_time)};
@@ -164,10 +290,11 @@ sub summary {
     my @pairs = sort {
         $b->{count} <=> $a->{count} || $a->{configured} cmp $b->{configured} || $a->{actual} cmp $b->{actual}
     } map {
-        my $c = $_;
-        map { { configured => $c, actual => $_, count => 0 + $cva->{$c}{$_} } } keys %{ $cva->{$c} }
+        my ($configured, $actual) = split /\0/, $_, 2;
+        { configured => $configured, actual => $actual, count => 0 + $cva->{$_} }
     } keys %$cva;
     $_->{share} = _share($_->{count}, $records) for @pairs;
+    my $timeline = $s->{timeline};
 
     return {
         records => 0 + $records,
@@ -183,11 +310,19 @@ sub summary {
         classification           => _share_table($s->{classification}, $records),
         actual_mitigation_action => _share_table($s->{actual_mitigation_action}, $records),
         configured_vs_actual     => \@pairs,
-        top => { map { $_->[0] => _top_list($s->{ $_->[0] }, $self->{top}) } @TOP_LISTS },
-        per_minute => [
-            map { { minute => 0 + $_, count => 0 + $s->{per_minute}{$_} } }
-            sort { $a <=> $b } keys %{ $s->{per_minute} }
-        ],
+        error => { map { $_ => 0 + $s->{error}{$_} } grep { $s->{error}{$_} } @COUNTERS },
+        top => { map { $_->[0] => _top_list($s->{ $_->[0] }, $self->{top}, $s->{error}{ $_->[0] }) } @TOP_LISTS },
+        timeline => {
+            unit    => 0 + $s->{unit},
+            buckets => [
+                map {
+                    my $actions = $timeline->{$_};
+                    my $count = 0;
+                    $count += $_ for values %$actions;
+                    { start => 0 + $_, count => $count, actions => { map { $_ => 0 + $actions->{$_} } keys %$actions } }
+                } sort { $a <=> $b } keys %$timeline
+            ],
+        },
     };
 }
 
@@ -203,7 +338,7 @@ sub _share_table {
 }
 
 sub _top_list {
-    my ($counts, $top) = @_;
+    my ($counts, $top, $error) = @_;
     my @keys = _ranked($counts);
     my $total = 0;
     $total += $_ for values %$counts;
@@ -212,6 +347,8 @@ sub _top_list {
         items    => [ map { { key => $_, count => 0 + $counts->{$_} } } @keys ],
         distinct => scalar keys %$counts,
         total    => $total,
+        exact    => $error ? 0 : 1,
+        error    => 0 + ($error // 0),
     };
 }
 
@@ -231,17 +368,19 @@ sub as_json {
 }
 
 sub time_buckets {
-    my ($class, $per_minute, %opt) = @_;
+    my ($class, $timeline, %opt) = @_;
     my $max = exists $opt{max_rows} ? delete $opt{max_rows} : $TIME_ROWS;
     croak "unknown option \"$_\"" for sort keys %opt;
     croak 'max_rows must be a positive integer'
         unless defined $max && !ref $max && $max =~ /\A[1-9][0-9]*\z/;
-    return { width => 1, rows => [] } unless @$per_minute;
+    my $buckets = $timeline->{buckets};
+    my $unit = $timeline->{unit} / 60;    # in minutes
+    return { width => $unit, rows => [] } unless @$buckets;
 
-    my $from = $per_minute->[0]{minute} / 60;
-    my $to   = $per_minute->[-1]{minute} / 60;
+    my $from = $buckets->[0]{start} / 60;
+    my $to   = $buckets->[-1]{start} / 60;
     my $rows = sub { my $w = shift; int($to / $w) - int($from / $w) + 1 };
-    my ($width) = grep { $rows->($_) <= $max } @BUCKET_MINUTES;
+    my ($width) = grep { $_ % $unit == 0 && $rows->($_) <= $max } @BUCKET_MINUTES;
     if (!$width) {
         my $days = POSIX::ceil(($to - $from + 1) / 1440 / $max);
         $days++ while $rows->(1440 * $days) > $max;
@@ -250,7 +389,7 @@ sub time_buckets {
 
     my $first = int($from / $width);
     my @counts = (0) x $rows->($width);
-    $counts[ int($_->{minute} / 60 / $width) - $first ] += $_->{count} for @$per_minute;
+    $counts[ int($_->{start} / 60 / $width) - $first ] += $_->{count} for @$buckets;
     return {
         width => $width,
         rows  => [ map { { start => 60 * $width * ($first + $_), count => $counts[$_] } } 0 .. $#counts ],
@@ -279,11 +418,13 @@ sub as_text {
         my ($name, $heading) = @$_;
         my $list  = $sum->{top}{$name};
         my $shown = @{ $list->{items} };
-        push @out, _table($shown ? "$heading ($shown of $list->{distinct})" : $heading,
-            $list->{items}, $records, $unicode);
+        my $title = !$shown            ? $heading
+                  : $list->{exact}     ? "$heading ($shown of $list->{distinct})"
+                  : "$heading ($shown of more than $list->{distinct}; counts may be low by up to $list->{error})";
+        push @out, _table($title, $list->{items}, $records, $unicode);
     }
 
-    my $buckets = __PACKAGE__->time_buckets($sum->{per_minute});
+    my $buckets = __PACKAGE__->time_buckets($sum->{timeline});
     push @out, _table(_bucket_title($buckets->{width}),
         [ map { { key => POSIX::strftime('%Y-%m-%d %H:%M', gmtime $_->{start}), count => $_->{count} } } @{ $buckets->{rows} } ],
         $records, $unicode);
