@@ -566,7 +566,43 @@ Other fields are ignored.
 All a report holds is plain hashes of counts (and the first and last request
 times), so two reports merge by adding their counts, with the same figures as
 one report over all the records. The figures come out of one structure,
-L</summary>; the text and JSON forms only render it.
+L</summary>; the text, JSON and HTML forms only render it.
+
+=head2 Bounded memory
+
+A report's memory is bounded whatever the input, including hostile input
+with a new client address or path in every record:
+
+=over 4
+
+=item *
+
+Each counter (each share table and each top list) keeps exact counts while
+it has at most 200,000 distinct keys (twice C<max_keys>, 100,000 by
+default). When it passes that, it keeps the 100,000 largest counts as a
+heavy-hitters summary (Misra and Gries): the count of the next key is taken
+from every count and added to the counter's I<error>. Every count shown is
+then at most the true count and at least the true count minus the error,
+every key whose true count exceeds the error is still there, and the error
+is at most the counter's total divided by 100,001. Summaries merge by adding
+counts and errors. The summary marks such a list C<< exact => 0 >> with its
+C<error>, and the text form says "counts may be low by up to N".
+
+=item *
+
+The timeline counts minutes while there are at most 100,000 of them (about
+69 days), then hours, then days (a 32-bit time holds fewer than 50,000 days).
+Its counts stay exact.
+
+=item *
+
+The record count, the time span and the counts without time are always
+exact.
+
+=back
+
+While every counter fits, the figures are exact, and reports merged from
+parts are the same as one report over all the records.
 
 =head1 METHODS
 
@@ -575,7 +611,8 @@ L</summary>; the text and JSON forms only render it.
   my $report = quillon_event_log::Report->new(top => 10);
 
 An empty report. The option C<top> (a positive integer, 10 by default) is the
-length of the top lists.
+length of the top lists; C<max_keys> (100,000 by default) sets the bounds of
+L</Bounded memory>.
 
 =head2 add
 
@@ -599,6 +636,18 @@ C<_unknown=POS:HEX/...>). Returns the report.
 Adds the counts of another report to this one: afterwards this report gives
 exactly the figures of one report over the records of both. The other report
 is not changed; C<top> stays this report's. Returns the report.
+
+=head2 partial, from_partial
+
+  my $bytes  = $report->partial;                               # JSON, one line
+  my $report = quillon_event_log::Report->from_partial($bytes, top => 10);
+
+A partial report is the report's counts as JSON (UTF-8 bytes ending in a
+newline), for another process or machine to merge: C<qel report --partial>
+writes one and C<qel report --merge> reads them. C<from_partial> makes a
+report from one, checking every figure; C<top> is the new report's own.
+Merging reports made from partials gives the same figures as merging the
+reports themselves.
 
 =head2 summary
 
@@ -626,17 +675,17 @@ summary back.
 
 =head2 time_buckets
 
-  my $b = quillon_event_log::Report->time_buckets($summary->{per_minute}, max_rows => 60);
+  my $b = quillon_event_log::Report->time_buckets($summary->{timeline}, max_rows => 60);
   # { width => 5, rows => [ { start => 1763596800, count => 12 }, ... ] }
 
-Groups the per-minute counts of a summary into buckets for display: the
-narrowest bucket width of 1, 2, 5, 10, 15, 30, 60, 120, 180, 360, 720 or
-1440 minutes, or else a whole number of days, that gives at most
-C<max_rows> buckets (60 by default). C<width> is in minutes, C<start> in unix
+Groups the timeline of a summary into buckets for display: the narrowest
+bucket width of 1, 2, 5, 10, 15, 30, 60, 120, 180, 360, 720 or 1440
+minutes (no finer than the timeline's unit), or else a whole number of days,
+that gives at most C<max_rows> buckets (60 by default). C<width> is in minutes, C<start> in unix
 seconds; buckets start at multiples of the width since the epoch (so a
 5-minute bucket starts at :00, :05, ...) and run from the one holding the
 first request to the one holding the last, empty ones included. With no
-minutes, C<width> is 1 and C<rows> empty. The text form uses it, and so can
+buckets, C<width> is the unit in minutes and C<rows> empty. The text form uses it, and so can
 other renderers.
 
 =head1 THE SUMMARY
@@ -660,18 +709,25 @@ other renderers.
     configured_vs_actual => [            # every pair, ranked by count,
       { configured => 'block', actual => 'alarm', count => 7, share => 0.007 }, ...
     ],                                   # then configured, then actual
+    error => {},                         # counter => error, for counters that are
+                                         # no longer exact (see Bounded memory)
     top => {                             # one entry per list
       bot_name => {
         items    => [ { key => 'python-requests', count => 120 }, ... ],  # at most top_n
-        distinct => 37,                  # different keys seen
+        distinct => 37,                  # different keys seen (kept, when not exact)
         total    => 400,                 # sum of all their counts
+        exact    => 1,                   # 0 when the counts may be low ...
+        error    => 0,                   # ... by up to this much
       },
       bot_signature_category => {...}, anomalies => {...}, anomaly_categories => {...},
       country_code => {...}, host => {...}, client_ip => {...}, request_path => {...},
     },
-    per_minute => [                      # minutes with requests, in time order
-      { minute => 1763596800, count => 3 }, ...
-    ],
+    timeline => {
+      unit    => 60,                     # seconds per bucket: 60, 3600 or 86400
+      buckets => [                       # buckets with requests, in time order
+        { start => 1763596800, count => 3, actions => { block => 2, none => 1 } }, ...
+      ],
+    },
   }
 
 Ranked means by count, largest first, and equal counts by key in ascending
@@ -684,9 +740,10 @@ what the rest of the keys add up to. For C<anomalies> and
 C<anomaly_categories> a record counts once per element, so their total may
 exceed the records.
 
-C<per_minute> is sparse: minutes without requests are left out. A minute is
-the unix time of its start (a multiple of 60). L</time_buckets> fills the
-gaps and groups the minutes.
+C<timeline> is sparse: buckets without requests are left out. A bucket is
+the unix time of its start (a multiple of the unit), with its count and the
+count of each actual mitigation action (C<(none)> for records without one).
+L</time_buckets> fills the gaps and groups the buckets.
 
 With no records, C<records> is 0, the C<time> values other than
 C<without_time> are C<undef> (C<null> in JSON), and every list is empty.
@@ -726,6 +783,17 @@ C<new>, C<as_text> or C<time_buckets> was given an option it does not know.
 =item top must be a positive integer
 
 =item max_rows must be a positive integer
+
+=item max_keys must be a positive integer
+
+=item not a partial report: REASON
+
+=item partial report of version N; this is version 1
+
+=item partial report: WHAT IS WRONG
+
+C<from_partial> was given something else than a partial report, one of
+another version, or one whose figures are not counts.
 
 =item merge needs a quillon_event_log::Report
 
