@@ -1,10 +1,14 @@
 #!/usr/bin/perl
 # Throughput and memory of the qel command on typical records (the bundled
 # sample generator's), each command pinned to one core: records per second,
-# median of several runs, beside `jq -c .` over the same JSON Lines; then
-# peak resident memory over growing inputs, which must stay flat.
+# median of several runs, beside `jq -c .` over the same JSON Lines; peak
+# resident memory over growing inputs, which must stay flat; qel report with
+# one and two worker processes; and qel report's memory over inputs of up to
+# ten million records with a new client address and path in every record,
+# generated on the fly into a pipe (nothing stored).
 #
 #   perl -Mblib bench/qel.pl [--records N] [--runs R] [--memory 10000,100000,1000000]
+#                            [--scale 10000,100000,1000000,10000000]
 use strict;
 use warnings;
 use Getopt::Long;
@@ -12,9 +16,9 @@ use File::Temp qw(tempdir);
 use Time::HiRes qw(time);
 use POSIX ();
 
-my ($records, $runs, $memory) = (200_000, 5, '10000,100000,1000000');
-GetOptions('records=i' => \$records, 'runs=i' => \$runs, 'memory=s' => \$memory)
-    or die "usage: $0 [--records N] [--runs R] [--memory N,N,...]\n";
+my ($records, $runs, $memory, $scale) = (200_000, 5, '10000,100000,1000000', '10000,100000,1000000,10000000');
+GetOptions('records=i' => \$records, 'runs=i' => \$runs, 'memory=s' => \$memory, 'scale=s' => \$scale)
+    or die "usage: $0 [--records N] [--runs R] [--memory N,N,...] [--scale N,N,...]\n";
 
 my $dir = tempdir(CLEANUP => 1);
 my @qel = ($^X, '-Mblib', 'blib/script/qel');
@@ -81,6 +85,54 @@ for my $case (@cases) {
         sprintf('%.0f%%', 100 * ($sorted[-1] - $sorted[0]) / median(@rates)),
         $target ? ($target <= median(@rates) ? 'ok ' : 'MISS ') . $target : '-',
         @kb ? sprintf('%.1f MB', median(@kb) / 1024) : '-';
+}
+
+# qel report with one and two workers, not pinned: the machine's cores.
+{
+    print "\nqel report --jobs (all cores), $records records, median of $runs runs\n";
+    my $plain = sh_quote(@qel);
+    my %rate;
+    for my $jobs (1, 2) {
+        my @r = map { $records / (measure("$plain report --jobs $jobs " . sh_quote($stream) . ' > /dev/null'))[0] } 1 .. $runs;
+        $rate{$jobs} = median(@r);
+        printf "  --jobs %d: %9.0f records/s\n", $jobs, $rate{$jobs};
+    }
+    printf "  speed-up: %.2f\n", $rate{2} / $rate{1};
+}
+
+if ($scale) {
+    print "\nqel report over records made on the fly (a new address and path in each, 30 days), peak RSS\n";
+    my $gen = sh_quote($^X, '-Mblib', '-e', <<'GEN');
+use quillon_event_log::Stream;
+my $n = shift;
+my $w = quillon_event_log::Stream->writer(\*STDOUT, addresses => 'text');
+my @bots = map { "bot$_" } 1 .. 50;
+my @actions = qw(none block alarm captcha);
+my $span = 30 * 86400;
+for my $i (0 .. $n - 1) {
+    $w->write_event({
+        client_ip    => join('.', 10 + ($i >> 24 & 0xff), $i >> 16 & 0xff, $i >> 8 & 0xff, $i & 0xff),
+        request_uri  => "/item/$i?ref=x",
+        bot_name     => $bots[$i % 50],
+        classification => 'Untrusted Bot',
+        actual_mitigation_action => $actions[$i % 4],
+        request_time => 1763596800 + int($i * $span / $n),
+    });
+}
+$w->close;
+GEN
+    printf "  %12s %12s %12s\n", 'records', 'seconds', 'peak RSS';
+    for my $n (split /,/, $scale) {
+        # The time of the whole pipe; the memory of qel report alone.
+        my $rss_file = "$dir/scale.rss";
+        my $report = $time_cmd ? sh_quote($time_cmd, '-f', '%M', '-o', $rss_file) . " $qel" : $qel;
+        my $t = time;
+        system("$gen $n | $report report --json > /dev/null") == 0 or die "failed: report of $n records\n";
+        my $s = time - $t;
+        my $kb;
+        if ($time_cmd && open my $fh, '<', $rss_file) { ($kb) = grep { /^\d+$/ } map { s/\s+//gr } <$fh> }
+        printf "  %12d %12.1f %12s\n", $n, $s, defined $kb ? sprintf('%.1f MB', $kb / 1024) : '-';
+    }
 }
 
 exit 0 unless $memory;

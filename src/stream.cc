@@ -489,9 +489,12 @@ template <Kind kind> XS_INTERNAL(xs_next) {
         if (step == Reader::Step::End)
             XSRETURN_UNDEF;
         if (step == Reader::Step::Frame) {
-            report(aTHX_ handle, r, frame_reason(aTHX_ *r), true);
+            if (r->stripe_at == 0)
+                report(aTHX_ handle, r, frame_reason(aTHX_ *r), true);
             XSRETURN_UNDEF;
         }
+        if ((r->index - 1) % r->stripe_of != r->stripe_at)
+            continue;  // another stripe's record
         if (step == Reader::Step::Skip) {
             report(aTHX_ handle, r, frame_reason(aTHX_ *r), false);
             continue;
@@ -554,13 +557,17 @@ template <int which> XS_INTERNAL(xs_reader_info) {
     XSRETURN(1);
 }
 
-// _open(CLASS, SOURCE, NAME, CODEC_OPTIONS, ON_ERROR, MAX_RECORD, FIELDS):
-// SOURCE is a file handle or a reference to a byte string; FIELDS an array
-// of the field names next decodes, or undef for all.
+// _open(CLASS, SOURCE, NAME, CODEC_OPTIONS, ON_ERROR, MAX_RECORD, FIELDS,
+// STRIPE_AT, STRIPE_OF): SOURCE is a file handle or a reference to a byte
+// string; FIELDS an array of the field names next decodes, or undef for all.
 XS_INTERNAL(xs_reader_open) {
     dXSARGS;
-    if (items != 7)
-        croak_xs_usage(cv, "class, source, name, options, on_error, max_record, fields");
+    if (items != 9)
+        croak_xs_usage(cv, "class, source, name, options, on_error, max_record, fields, stripe_at, stripe_of");
+    const UV stripe_at = SvUV(ST(7));
+    const UV stripe_of = SvUV(ST(8));
+    if (stripe_of == 0 || stripe_at >= stripe_of)
+        croak("stripe %" UVuf " of %" UVuf " does not exist", stripe_at, stripe_of);
     uint64_t only[(kRecordFieldCount + 63) / 64] = {};
     const bool selective = SvROK(ST(6)) && SvTYPE(SvRV(ST(6))) == SVt_PVAV;
     if (selective) {
@@ -608,6 +615,8 @@ XS_INTERNAL(xs_reader_open) {
                            static_cast<unsigned>(SvUV(ST(3))), static_cast<uint64_t>(SvUV(ST(5))));
     r->selective = selective;
     std::memcpy(r->only, only, sizeof only);
+    r->stripe_at = stripe_at;
+    r->stripe_of = stripe_of;
     ST(0) = new_handle(aTHX_ gv_stashsv(ST(0), GV_ADD), r);
     XSRETURN(1);
 }

@@ -109,6 +109,12 @@ class Reader {
     bool selective = false;                          // next decodes only ...
     uint64_t only[(kRecordFieldCount + 63) / 64] = {};  // ... these fields
     uint64_t max_record;
+    // Record striping for workers sharing one stream: next and its kin
+    // deliver only the records whose number, from 0, is `stripe_at` modulo
+    // `stripe_of`, and report problems of those records only; a problem that
+    // ends the stream is reported by stripe 0 alone.
+    UV stripe_of = 1;
+    UV stripe_at = 0;
     UV index = 0;        // the number of the last record, from 1
     int64_t offset = -1; // where its length prefix starts
     bool ended = false;

@@ -192,7 +192,7 @@ subtest 'option errors' => sub {
     my $s = '';
     my @cases = (
         [sub { quillon_event_log::Stream->reader(\$s, colour => 1) },
-         'unknown option "colour" (known options: addresses, characters, codec, fields, max_record, name, on_error, unknown_fields)'],
+         'unknown option "colour" (known options: addresses, characters, codec, fields, max_record, name, on_error, stripe, unknown_fields)'],
         [sub { quillon_event_log::Stream->writer(\*STDOUT, colour => 1) },
          'unknown option "colour" (known options: addresses, characters, codec, gzip, name, unknown_fields)'],
         [sub { quillon_event_log::Stream->reader(\$s, on_error => 1) }, 'option on_error must be a code reference'],

@@ -244,40 +244,43 @@ subtest 'summary: exact figures' => sub {
     is_deeply [ sort keys %{ $s->{top} } ], [ sort keys %TOP_NAMES ], 'eight top lists';
     is_deeply $s->{top}{bot_name}, {
         items => [ { key => 'Googlebot', count => 1 }, { key => 'curl', count => 1 }, { key => 'python-requests', count => 1 } ],
-        distinct => 3, total => 3,
+        distinct => 3, total => 3, exact => 1, error => 0,
     }, 'bot names: a three-way tie in code-point order (upper case first); absent names not counted';
     is_deeply $s->{top}{bot_signature_category}, {
         items => [ { key => 'HTTP Library', count => 2 }, { key => 'Search Engine', count => 1 } ],
-        distinct => 2, total => 3,
+        distinct => 2, total => 3, exact => 1, error => 0,
     }, 'bot signature categories';
     is_deeply $s->{top}{anomalies}, {
         items => [ { key => 'Known automation User-Agent', count => 2 }, { key => 'Missing Accept header', count => 2 } ],
-        distinct => 2, total => 4,
+        distinct => 2, total => 4, exact => 1, error => 0,
     }, 'anomalies: each element counts; total exceeds the records with anomalies';
     is_deeply $s->{top}{anomaly_categories}, {
         items => [ { key => 'Automation', count => 2 }, { key => 'Headers', count => 2 } ],
-        distinct => 2, total => 4,
+        distinct => 2, total => 4, exact => 1, error => 0,
     }, 'anomaly categories';
     is_deeply $s->{top}{country_code}, {
-        items => [ { key => 'US', count => 3 }, { key => 'CN', count => 2 } ], distinct => 2, total => 5,
+        items => [ { key => 'US', count => 3 }, { key => 'CN', count => 2 } ], distinct => 2, total => 5, exact => 1, error => 0,
     }, 'countries: the record without one is not counted';
     is_deeply $s->{top}{host}, {
-        items => [ { key => 'a.example', count => 3 }, { key => 'b.example', count => 2 } ], distinct => 2, total => 5,
+        items => [ { key => 'a.example', count => 3 }, { key => 'b.example', count => 2 } ], distinct => 2, total => 5, exact => 1, error => 0,
     }, 'hosts';
     is_deeply $s->{top}{client_ip}, {
         items => [ { key => '192.0.2.1', count => 4 }, { key => '198.51.100.7', count => 1 }, { key => '2001:db8::1', count => 1 } ],
-        distinct => 3, total => 6,
+        distinct => 3, total => 6, exact => 1, error => 0,
     }, 'client addresses, both families';
     is_deeply $s->{top}{request_path}, {
         items => [
             { key => '/login', count => 3 }, { key => '/index.html', count => 2 },
             { key => '/catalogue/2026/winter/collection/items/page-0001.html', count => 1 },
         ],
-        distinct => 3, total => 6,
+        distinct => 3, total => 6, exact => 1, error => 0,
     }, 'request paths: the query is cut at the first "?"';
-    is_deeply $s->{per_minute}, [
-        { minute => $T0, count => 2 }, { minute => $T0 + 60, count => 1 }, { minute => $T0 + 180, count => 2 },
-    ], 'per minute: sparse, seconds 0 and 59 in the first minute';
+    is_deeply $s->{timeline}, { unit => 60, buckets => [
+        { start => $T0,       count => 2, actions => { none => 1, '(none)' => 1 } },
+        { start => $T0 + 60,  count => 1, actions => { block => 1 } },
+        { start => $T0 + 180, count => 2, actions => { alarm => 1, none => 1 } },
+    ] }, 'timeline: sparse minutes by actual action, seconds 0 and 59 in the first minute';
+    is_deeply $s->{error}, {}, 'no counter is approximate';
 
     $s->{records} = 99;
     push @{ $s->{classification} }, { key => 'x', count => 1, share => 0 };
@@ -295,14 +298,14 @@ subtest 'top option' => sub {
 };
 
 subtest 'time buckets' => sub {
-    is_deeply(quillon_event_log::Report->time_buckets($report->summary->{per_minute}), {
+    is_deeply(quillon_event_log::Report->time_buckets($report->summary->{timeline}), {
         width => 1,
         rows  => [
             { start => $T0, count => 2 }, { start => $T0 + 60, count => 1 },
             { start => $T0 + 120, count => 0 }, { start => $T0 + 180, count => 2 },
         ],
     }, 'minutes with zeros filled in');
-    my $minutes = sub { [ map { { minute => $T0 + 60 * $_, count => 1 } } @_ ] };
+    my $minutes = sub { { unit => 60, buckets => [ map { { start => $T0 + 60 * $_, count => 1 } } @_ ] } };
     is(quillon_event_log::Report->time_buckets($minutes->(0, 59))->{width}, 1, '60 minutes: 60 rows of one minute');
     is_deeply(quillon_event_log::Report->time_buckets($minutes->(0, 1, 60)), {
         width => 2,
@@ -316,7 +319,11 @@ subtest 'time buckets' => sub {
     my $days = quillon_event_log::Report->time_buckets($minutes->(0, 60 * 1440));
     is $days->{width}, 2880, '61 days: buckets of two days';
     is scalar @{ $days->{rows} }, 31, '... 31 of them';
-    is_deeply(quillon_event_log::Report->time_buckets([]), { width => 1, rows => [] }, 'no minutes');
+    is_deeply(quillon_event_log::Report->time_buckets({ unit => 60, buckets => [] }), { width => 1, rows => [] }, 'no minutes');
+    my $hours = { unit => 3600, buckets => [ map { { start => $T0 + 3600 * $_, count => 2 } } 0, 1, 5 ] };
+    is_deeply(quillon_event_log::Report->time_buckets($hours), {
+        width => 60, rows => [ map { { start => $T0 + 3600 * $_, count => $_ == 2 || $_ > 5 || $_ == 3 || $_ == 4 ? 0 : 2 } } 0 .. 5 ],
+    }, 'a timeline of hours is shown in hours at the finest');
 };
 
 # The sections of a text form by title, each body ending in its newline.
@@ -366,18 +373,19 @@ subtest 'as_json' => sub {
     like $json, qr/\}\n\z/, 'one line ending in a newline';
     is_deeply(JSON::XS->new->utf8->decode($json), $report->summary, 'decodes to the summary');
     is(quillon_event_log::Report->new->as_json,
-        '{"actual_mitigation_action":[],"classification":[],"configured_vs_actual":[],"per_minute":[],"records":0,'
+        '{"actual_mitigation_action":[],"classification":[],"configured_vs_actual":[],"error":{},"records":0,'
       . '"time":{"first":null,"first_iso":null,"last":null,"last_iso":null,"span_seconds":null,"without_time":0},'
-      . '"top":{"anomalies":{"distinct":0,"items":[],"total":0},"anomaly_categories":{"distinct":0,"items":[],"total":0},'
-      . '"bot_name":{"distinct":0,"items":[],"total":0},"bot_signature_category":{"distinct":0,"items":[],"total":0},'
-      . '"client_ip":{"distinct":0,"items":[],"total":0},"country_code":{"distinct":0,"items":[],"total":0},'
-      . '"host":{"distinct":0,"items":[],"total":0},"request_path":{"distinct":0,"items":[],"total":0}},"top_n":10}' . "\n",
+      . '"timeline":{"buckets":[],"unit":60},'
+      . '"top":{"anomalies":{"distinct":0,"error":0,"exact":1,"items":[],"total":0},"anomaly_categories":{"distinct":0,"error":0,"exact":1,"items":[],"total":0},'
+      . '"bot_name":{"distinct":0,"error":0,"exact":1,"items":[],"total":0},"bot_signature_category":{"distinct":0,"error":0,"exact":1,"items":[],"total":0},'
+      . '"client_ip":{"distinct":0,"error":0,"exact":1,"items":[],"total":0},"country_code":{"distinct":0,"error":0,"exact":1,"items":[],"total":0},'
+      . '"host":{"distinct":0,"error":0,"exact":1,"items":[],"total":0},"request_path":{"distinct":0,"error":0,"exact":1,"items":[],"total":0}},"top_n":10}' . "\n",
         'an empty report');
 
     my $seen = $T0 + 61;
     my $printed = "$seen";    # a number that has been used as a string
     my $r = report_of(10, { host => "b\x{fc}cher.example", request_time => $seen });
-    like $r->as_json, qr/"host":\{"distinct":1,"items":\[\{"count":1,"key":"b\xc3\xbccher.example"\}\]/,
+    like $r->as_json, qr/"host":\{"distinct":1,"error":0,"exact":1,"items":\[\{"count":1,"key":"b\xc3\xbccher.example"\}\]/,
         'UTF-8 bytes';
     like $r->as_json, qr/"time":\{"first":1763596861,"first_iso":"2025-11-20T00:01:01Z",/,
         'a request_time that has been used as a string still comes out as a number';

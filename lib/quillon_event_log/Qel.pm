@@ -11,6 +11,7 @@ our $VERSION = '1.0';
 
 use Getopt::Long ();
 use JSON::XS ();
+use POSIX ();
 use Time::Local ();
 use quillon_event_log::QuillonEventLog ();
 use quillon_event_log::Codec ();
@@ -28,7 +29,9 @@ my %usage = (
     filter => 'qel filter [--where FIELD=VALUE]... [--match FIELD=REGEX]... [--since TIME] [--until TIME] '
             . '[--strict] [--quiet] [FILE|-]...',
     sample => 'qel sample [--count N] [--seed S]',
-    report => 'qel report [--top N] [--json] [--strict] [--quiet] [FILE|-]...',
+    report => 'qel report [--top N] [--json] [--html FILE] [--jobs N] [--strict] [--quiet] [FILE|-]...' . "\n"
+            . '       qel report --partial [--jobs N] [--strict] [--quiet] [FILE|-]...' . "\n"
+            . '       qel report --merge [--top N] [--json] [--html FILE] PART...',
 );
 my @commands = qw(decode encode filter sample report);
 
@@ -142,7 +145,9 @@ sub each_record {
                 on_error => sub { $self->problem($_[0]{message}) });
         };
         if (!$reader) {
-            $self->problem('qel: ' . reason($@));
+            # Workers sharing a file by stripes: the first one says it.
+            my $stripe = $codec{stripe};
+            $self->problem('qel: ' . reason($@)) unless $stripe && $stripe->[0];
             next;
         }
         my $count = 0;
@@ -418,17 +423,38 @@ sub sample {
 
 sub report {
     my ($self, @argv) = @_;
-    my ($top, $json) = (10);
-    $self->options(\@argv, { 'top=s' => \$top, 'json' => \$json,
+    my %o = (top => 10, jobs => 1);
+    $self->options(\@argv, { 'top=s' => \$o{top}, 'json' => \$o{json}, 'html=s' => \$o{html},
+                             'partial' => \$o{partial}, 'merge' => \$o{merge}, 'jobs=s' => \$o{jobs},
                              'strict' => \$self->{strict}, 'quiet' => \$self->{quiet} })
         or return $self->{exit};
-    return $self->usage_error("--top: expected a positive whole number, got \"$top\"") unless $top =~ /\A[1-9][0-9]*\z/;
+    return $self->usage_error("--top: expected a positive whole number, got \"$o{top}\"") unless $o{top} =~ /\A[1-9][0-9]*\z/;
+    return $self->usage_error("--jobs: expected a positive whole number, got \"$o{jobs}\"") unless $o{jobs} =~ /\A[1-9][0-9]*\z/;
+    return $self->usage_error('--partial and --merge exclude each other') if $o{partial} && $o{merge};
+    return $self->usage_error('--partial writes the partial report only: no --json or --html')
+        if $o{partial} && ($o{json} || defined $o{html});
+    return $self->usage_error('--merge reads partial reports: no --jobs') if $o{merge} && $o{jobs} > 1;
+    return $self->usage_error('--merge needs at least one partial report') if $o{merge} && !@argv;
     require quillon_event_log::Report;
-    my $report = quillon_event_log::Report->new(top => $top);
-    $self->each_record(\@argv, 'next', sub { $report->add($_[0]) },
-                       characters => 1, addresses => 'text', fields => [quillon_event_log::Report->fields]);
+
+    my $report = $o{merge}        ? $self->merged_partials(\@argv, $o{top})
+               : $o{jobs} > 1     ? $self->report_in_workers(\@argv, $o{top}, $o{jobs})
+               :                    $self->report_of(\@argv, $o{top});
+    $report //= quillon_event_log::Report->new(top => $o{top});
     binmode STDOUT;
-    if ($json) {
+    if ($o{partial}) {
+        print $report->partial;
+        return $self->status;
+    }
+    if (defined $o{html}) {
+        require quillon_event_log::Report::Html;
+        my $page = quillon_event_log::Report::Html->render($report->summary);
+        utf8::encode($page);
+        open my $fh, '>:raw', $o{html} or do { $self->problem("qel: cannot open $o{html} for writing: $!"); return $self->status };
+        print $fh $page;
+        close $fh or $self->problem("qel: cannot write $o{html}: $!");
+    }
+    if ($o{json}) {
         print $report->as_json;
     } else {
         my $text = $report->as_text(unicode => utf8_terminal());
@@ -436,6 +462,104 @@ sub report {
         print $text;
     }
     return $self->status;
+}
+
+# One pass over the inputs; with `stripe`, only this worker's share.
+sub report_of {
+    my ($self, $files, $top, %stripe) = @_;
+    my $report = quillon_event_log::Report->new(top => $top);
+    $self->each_record($files, 'next', sub { $report->add($_[0]) },
+                       characters => 1, addresses => 'text', fields => [quillon_event_log::Report->fields], %stripe);
+    return $report;
+}
+
+sub merged_partials {
+    my ($self, $files, $top) = @_;
+    my $report = quillon_event_log::Report->new(top => $top);
+    for my $file (@$files) {
+        my $bytes = do {
+            my $fh;
+            if ($file eq '-') { $fh = \*STDIN } elsif (!open $fh, '<:raw', $file) { $self->problem("qel: cannot open $file: $!"); next }
+            local $/;
+            binmode $fh;
+            <$fh>;
+        };
+        my $part = eval { quillon_event_log::Report->from_partial($bytes // '', top => $top) };
+        if (!$part) {
+            $self->problem("$file: " . reason($@));
+            next;
+        }
+        $report->merge($part);
+    }
+    return $report;
+}
+
+# --jobs N: N worker processes, each counting its share of the inputs into a
+# partial report in a file of its own; the partials are merged in worker
+# order.  With at least N files, each worker takes whole files (the largest
+# first, to the least loaded worker); otherwise each file is shared, worker W
+# taking the records whose number is W modulo N.  Standard input cannot be
+# shared: one worker reads it whole.
+sub report_in_workers {
+    my ($self, $files, $top, $jobs) = @_;
+    require File::Temp;
+    my @files = $self->named_inputs($files);
+    my @work = map { [] } 1 .. $jobs;
+    if (@files >= $jobs) {
+        my @load = (0) x $jobs;
+        for my $file (sort { (-s $b // 0) <=> (-s $a // 0) || $a cmp $b } @files) {
+            my ($least) = sort { $load[$a] <=> $load[$b] || $a <=> $b } 0 .. $jobs - 1;
+            push @{ $work[$least] }, [$file];
+            $load[$least] += -s $file // 0;
+        }
+    } else {
+        for my $file (@files) {
+            if ($file eq '-') { push @{ $work[0] }, [$file] }
+            else { push @{ $work[$_] }, [$file, $_, $jobs] for 0 .. $jobs - 1 }
+        }
+    }
+    my $dir = File::Temp::tempdir(CLEANUP => 1);
+    my %worker;
+    STDOUT->flush;
+    STDERR->flush;
+    for my $w (0 .. $jobs - 1) {
+        next unless @{ $work[$w] };
+        my $pid = fork // die "qel: cannot start a worker: $!\n";
+        if (!$pid) {
+            $self->{quiet} = 1;    # one progress bar would not tell the truth
+            my $report = quillon_event_log::Report->new(top => $top);
+            my $status = eval {
+                for (@{ $work[$w] }) {
+                    my ($file, $at, $of) = @$_;
+                    $report->merge($self->report_of([$file], $top, $of ? (stripe => [$at, $of]) : ()));
+                }
+                open my $out, '>:raw', "$dir/$w.part" or die "qel: cannot write a partial report: $!\n";
+                print $out $report->partial;
+                close $out or die "qel: cannot write a partial report: $!\n";
+                $self->status;
+            };
+            if (!defined $status) {
+                print STDERR $@ unless ref $@;
+                $status = SKIPPED;
+            }
+            POSIX::_exit($status);
+        }
+        $worker{$pid} = $w;
+    }
+    my $report = quillon_event_log::Report->new(top => $top);
+    my %done;
+    while ((my $pid = waitpid(-1, 0)) > 0) {
+        my $w = delete $worker{$pid} // next;
+        $self->{problems}++ if $?;
+        $done{$w} = 1;
+    }
+    for my $w (sort { $a <=> $b } keys %done) {
+        open my $fh, '<:raw', "$dir/$w.part" or next;
+        local $/;
+        $report->merge(quillon_event_log::Report->from_partial(scalar <$fh>, top => $top));
+    }
+    die $STOP if $self->{strict} && $self->{problems};
+    return $report;
 }
 
 # Block characters only where they will show: standard output is a terminal

@@ -44,13 +44,33 @@ my $FULL_BLOCK = "\x{2588}";
 
 my $JSON = JSON::XS->new->utf8->canonical;
 
+# Memory stays bounded whatever the input: a counter keeps exact counts while
+# it has at most twice this many keys; past that it keeps the largest counts
+# (see _compact), and the timeline counts hours, then days, instead of
+# minutes.  Counters are looked at every CHECK_EVERY records.
+my $MAX_KEYS    = 100_000;
+my $CHECK_EVERY = 4096;
+
+# The bounded counters: the share tables and the top lists.  A pair of
+# configured and actual action is one key, the two joined by a NUL.
+my @COUNTERS = (qw(classification actual_mitigation_action configured_vs_actual), map { $_->[0] } @TOP_LISTS);
+
+# What a partial report (state as JSON) says it is, so that --merge can tell.
+my $PARTIAL_FORMAT = 'quillon_event_log report partial';
+my $PARTIAL_VERSION = 1;
+
 sub new {
     my ($class, %opt) = @_;
     my $top = exists $opt{top} ? delete $opt{top} : 10;
+    my $max = exists $opt{max_keys} ? delete $opt{max_keys} : $MAX_KEYS;
     croak "unknown option \"$_\"" for sort keys %opt;
     croak 'top must be a positive integer'
         unless defined $top && !ref $top && $top =~ /\A[1-9][0-9]*\z/;
-    return bless { top => 0 + $top, state => _empty_state() }, $class;
+    croak 'max_keys must be a positive integer'
+        unless defined $max && !ref $max && $max =~ /\A[1-9][0-9]*\z/;
+    # Small bounds are looked at more often, so that they hold all the same.
+    my $every = $max < $CHECK_EVERY ? $max : $CHECK_EVERY;
+    return bless { top => 0 + $top, max_keys => 0 + $max, check_every => $every, state => _empty_state() }, $class;
 }
 
 sub _empty_state {
@@ -61,12 +81,14 @@ sub _empty_state {
         # counted, without a test for "none yet" in add or merge.
         first_time   => 2**32,
         last_time    => -1,
-        # The counters, each a hash of counts (merge adds every hash it finds).
-        per_minute               => {},    # minute start (unix seconds) => count
-        classification           => {},
-        actual_mitigation_action => {},
-        configured_vs_actual     => {},    # configured => { actual => count }
-        map { $_->[0] => {} } @TOP_LISTS,
+        # Requests over time: bucket start (unix seconds) => { actual
+        # mitigation action => count }, buckets of `unit` seconds.
+        unit     => 60,
+        timeline => {},
+        # The counters, each a hash of counts, and how far each one's counts
+        # may be low (0 while it is exact).
+        (map { $_ => {} } @COUNTERS),
+        error => { map { $_ => 0 } @COUNTERS },
     };
 }
 
@@ -86,7 +108,7 @@ sub add {
     $s->{classification}{ $e->{classification} // $NONE }++;
     my $actual = $e->{actual_mitigation_action} // $NONE;
     $s->{actual_mitigation_action}{$actual}++;
-    $s->{configured_vs_actual}{ $e->{configured_mitigation_action} // $NONE }{$actual}++;
+    $s->{configured_vs_actual}{ ($e->{configured_mitigation_action} // $NONE) . "\0$actual" }++;
 
     my $v;
     $s->{bot_name}{$v}++               if defined($v = $e->{bot_name});
@@ -109,14 +131,61 @@ sub add {
         $s->{request_path}{ $q < 0 ? $v : substr $v, 0, $q }++;
     }
     if (defined($v = $e->{request_time})) {
-        $s->{per_minute}{ $v - $v % 60 }++;
+        $s->{timeline}{ $v - $v % $s->{unit} }{$actual}++;
         $s->{first_time} = $v if $v < $s->{first_time};
         $s->{last_time}  = $v if $v > $s->{last_time};
     }
     else {
         $s->{without_time}++;
     }
+    $self->_bound unless $s->{records} % $self->{check_every};
     return $self;
+}
+
+# Keeps every counter and the timeline within their bounds.
+sub _bound {
+    my ($self) = @_;
+    my $s = $self->{state};
+    my $max = $self->{max_keys};
+    for my $name (@COUNTERS) {
+        _compact($s, $name, $max) if keys %{ $s->{$name} } > 2 * $max;
+    }
+    while (keys %{ $s->{timeline} } > $max && $s->{unit} < 86400) {
+        _coarsen($s, $s->{unit} == 60 ? 3600 : 86400);
+    }
+    return;
+}
+
+# A counter past its bound keeps its `max` largest counts: the count of the
+# next one is taken from every count (counts that reach 0 go) and added to
+# the counter's error.  This is the summary of Misra and Gries: a key's count
+# is never more than its true count nor less than that minus the error, every
+# key whose true count exceeds the error is still there, and two such
+# summaries merge by adding counts and errors and compacting again.
+sub _compact {
+    my ($s, $name, $max) = @_;
+    my $counts = $s->{$name};
+    my @sorted = sort { $b <=> $a } values %$counts;
+    return if @sorted <= $max;
+    my $cut = $sorted[$max];
+    for my $k (keys %$counts) {
+        delete $counts->{$k} if ($counts->{$k} -= $cut) <= 0;
+    }
+    $s->{error}{$name} += $cut;
+    return;
+}
+
+# Regroups the timeline into buckets of `unit` seconds.
+sub _coarsen {
+    my ($s, $unit) = @_;
+    my %coarse;
+    while (my ($start, $actions) = each %{ $s->{timeline} }) {
+        my $into = $coarse{ $start - $start % $unit } //= {};
+        $into->{$_} += $actions->{$_} for keys %$actions;
+    }
+    $s->{timeline} = \%coarse;
+    $s->{unit} = $unit;
+    return;
 }
 
 # The codec leaves an address as a hash of its words when it cannot be a text
@@ -138,24 +207,81 @@ sub merge {
     $s->{first_time} = $o->{first_time} if $o->{first_time} < $s->{first_time};
     $s->{last_time}  = $o->{last_time}  if $o->{last_time} > $s->{last_time};
     $s->{$_} += $o->{$_} for qw(records without_time);
-    for my $k (keys %$o) {
-        _add_counts($s->{$k}, $o->{$k}) if ref $o->{$k};
+    for my $name (@COUNTERS) {
+        my $into = $s->{$name};
+        my $from = $o->{$name};
+        $into->{$_} += $from->{$_} for keys %$from;
+        $s->{error}{$name} += $o->{error}{$name};
+    }
+    # Timelines meet at the coarser of the two units.
+    _coarsen($s, $o->{unit}) if $o->{unit} > $s->{unit};
+    my $unit = $s->{unit};
+    while (my ($start, $actions) = each %{ $o->{timeline} }) {
+        my $into = $s->{timeline}{ $start - $start % $unit } //= {};
+        $into->{$_} += $actions->{$_} for keys %$actions;
+    }
+    $self->_bound;
+    return $self;
+}
+
+# ---- partial reports ------------------------------------------------------------
+
+sub partial {
+    my ($self) = @_;
+    $self->_bound;
+    return $JSON->encode({ format => $PARTIAL_FORMAT, version => 0 + $PARTIAL_VERSION,
+                           max_keys => $self->{max_keys}, state => $self->{state} }) . "\n";
+}
+
+sub from_partial {
+    my ($class, $bytes, %opt) = @_;
+    my $data = eval { $JSON->decode($bytes) };
+    croak 'not a partial report: ' . ($@ =~ s/ at \S+ line \d+\.\n\z//r) unless $data;
+    croak 'not a partial report' unless ref $data eq 'HASH' && ($data->{format} // '') eq $PARTIAL_FORMAT;
+    my $version = $data->{version} // '';
+    croak "partial report of version $version; this is version $PARTIAL_VERSION"
+        unless !ref $version && $version =~ /\A[0-9]+\z/ && $version == $PARTIAL_VERSION;
+    my $self = $class->new(%opt, max_keys => $data->{max_keys});
+    my $s = $self->{state};
+    my $in = $data->{state};
+    croak 'not a partial report: no state' unless ref $in eq 'HASH';
+    # Every figure is checked before it is believed: a partial is a file.
+    for my $n (qw(records without_time first_time last_time unit)) {
+        croak "partial report: $n is not a number" unless defined $in->{$n} && !ref $in->{$n}
+            && $in->{$n} =~ /\A-?[0-9]+\z/;
+        $s->{$n} = 0 + $in->{$n};
+    }
+    croak 'partial report: unit must be 60, 3600 or 86400' unless grep { $s->{unit} == $_ } 60, 3600, 86400;
+    for my $name (@COUNTERS) {
+        $s->{$name} = _counts($in->{$name}, $name);
+        my $e = ref $in->{error} eq 'HASH' ? $in->{error}{$name} : undef;
+        croak "partial report: error of $name is not a number" unless defined $e && !ref $e && $e =~ /\A[0-9]+\z/;
+        $s->{error}{$name} = 0 + $e;
+    }
+    croak 'partial report: timeline is not an object' unless ref $in->{timeline} eq 'HASH';
+    for my $start (keys %{ $in->{timeline} }) {
+        croak 'partial report: timeline bucket is not a time' unless $start =~ /\A[0-9]+\z/;
+        $s->{timeline}{$start} = _counts($in->{timeline}{$start}, 'timeline');
     }
     return $self;
 }
 
-# Adds a hash of counts (or of hashes of counts) into another.
-sub _add_counts {
-    my ($into, $from) = @_;
-    for my $k (keys %$from) {
-        if (ref $from->{$k}) { _add_counts($into->{$k} //= {}, $from->{$k}) }
-        else                 { $into->{$k} += $from->{$k} }
+sub _counts {
+    my ($counts, $name) = @_;
+    croak "partial report: $name is not an object of counts" unless ref $counts eq 'HASH';
+    my %out;
+    for (keys %$counts) {
+        my $c = $counts->{$_};
+        croak "partial report: a count of $name is not a positive number"
+            unless defined $c && !ref $c && $c =~ /\A[1-9][0-9]*\z/;
+        $out{$_} = 0 + $c;
     }
-    return;
+    return \%out;
 }
 
 sub summary {
     my ($self) = @_;
+    $self->_bound;
     my $s       = $self->{state};
     my $records = $s->{records};
     my ($first, $last) = $s->{last_time} < 0 ? () : @$s{qw(first_time last_time)};
@@ -164,10 +290,11 @@ sub summary {
     my @pairs = sort {
         $b->{count} <=> $a->{count} || $a->{configured} cmp $b->{configured} || $a->{actual} cmp $b->{actual}
     } map {
-        my $c = $_;
-        map { { configured => $c, actual => $_, count => 0 + $cva->{$c}{$_} } } keys %{ $cva->{$c} }
+        my ($configured, $actual) = split /\0/, $_, 2;
+        { configured => $configured, actual => $actual, count => 0 + $cva->{$_} }
     } keys %$cva;
     $_->{share} = _share($_->{count}, $records) for @pairs;
+    my $timeline = $s->{timeline};
 
     return {
         records => 0 + $records,
@@ -183,11 +310,19 @@ sub summary {
         classification           => _share_table($s->{classification}, $records),
         actual_mitigation_action => _share_table($s->{actual_mitigation_action}, $records),
         configured_vs_actual     => \@pairs,
-        top => { map { $_->[0] => _top_list($s->{ $_->[0] }, $self->{top}) } @TOP_LISTS },
-        per_minute => [
-            map { { minute => 0 + $_, count => 0 + $s->{per_minute}{$_} } }
-            sort { $a <=> $b } keys %{ $s->{per_minute} }
-        ],
+        error => { map { $_ => 0 + $s->{error}{$_} } grep { $s->{error}{$_} } @COUNTERS },
+        top => { map { $_->[0] => _top_list($s->{ $_->[0] }, $self->{top}, $s->{error}{ $_->[0] }) } @TOP_LISTS },
+        timeline => {
+            unit    => 0 + $s->{unit},
+            buckets => [
+                map {
+                    my $actions = $timeline->{$_};
+                    my $count = 0;
+                    $count += $_ for values %$actions;
+                    { start => 0 + $_, count => $count, actions => { map { $_ => 0 + $actions->{$_} } keys %$actions } }
+                } sort { $a <=> $b } keys %$timeline
+            ],
+        },
     };
 }
 
@@ -203,7 +338,7 @@ sub _share_table {
 }
 
 sub _top_list {
-    my ($counts, $top) = @_;
+    my ($counts, $top, $error) = @_;
     my @keys = _ranked($counts);
     my $total = 0;
     $total += $_ for values %$counts;
@@ -212,6 +347,8 @@ sub _top_list {
         items    => [ map { { key => $_, count => 0 + $counts->{$_} } } @keys ],
         distinct => scalar keys %$counts,
         total    => $total,
+        exact    => $error ? 0 : 1,
+        error    => 0 + ($error // 0),
     };
 }
 
@@ -231,17 +368,19 @@ sub as_json {
 }
 
 sub time_buckets {
-    my ($class, $per_minute, %opt) = @_;
+    my ($class, $timeline, %opt) = @_;
     my $max = exists $opt{max_rows} ? delete $opt{max_rows} : $TIME_ROWS;
     croak "unknown option \"$_\"" for sort keys %opt;
     croak 'max_rows must be a positive integer'
         unless defined $max && !ref $max && $max =~ /\A[1-9][0-9]*\z/;
-    return { width => 1, rows => [] } unless @$per_minute;
+    my $buckets = $timeline->{buckets};
+    my $unit = $timeline->{unit} / 60;    # in minutes
+    return { width => $unit, rows => [] } unless @$buckets;
 
-    my $from = $per_minute->[0]{minute} / 60;
-    my $to   = $per_minute->[-1]{minute} / 60;
+    my $from = $buckets->[0]{start} / 60;
+    my $to   = $buckets->[-1]{start} / 60;
     my $rows = sub { my $w = shift; int($to / $w) - int($from / $w) + 1 };
-    my ($width) = grep { $rows->($_) <= $max } @BUCKET_MINUTES;
+    my ($width) = grep { $_ % $unit == 0 && $rows->($_) <= $max } @BUCKET_MINUTES;
     if (!$width) {
         my $days = POSIX::ceil(($to - $from + 1) / 1440 / $max);
         $days++ while $rows->(1440 * $days) > $max;
@@ -250,7 +389,7 @@ sub time_buckets {
 
     my $first = int($from / $width);
     my @counts = (0) x $rows->($width);
-    $counts[ int($_->{minute} / 60 / $width) - $first ] += $_->{count} for @$per_minute;
+    $counts[ int($_->{start} / 60 / $width) - $first ] += $_->{count} for @$buckets;
     return {
         width => $width,
         rows  => [ map { { start => 60 * $width * ($first + $_), count => $counts[$_] } } 0 .. $#counts ],
@@ -279,11 +418,13 @@ sub as_text {
         my ($name, $heading) = @$_;
         my $list  = $sum->{top}{$name};
         my $shown = @{ $list->{items} };
-        push @out, _table($shown ? "$heading ($shown of $list->{distinct})" : $heading,
-            $list->{items}, $records, $unicode);
+        my $title = !$shown            ? $heading
+                  : $list->{exact}     ? "$heading ($shown of $list->{distinct})"
+                  : "$heading ($shown of more than $list->{distinct}; counts may be low by up to $list->{error})";
+        push @out, _table($title, $list->{items}, $records, $unicode);
     }
 
-    my $buckets = __PACKAGE__->time_buckets($sum->{per_minute});
+    my $buckets = __PACKAGE__->time_buckets($sum->{timeline});
     push @out, _table(_bucket_title($buckets->{width}),
         [ map { { key => POSIX::strftime('%Y-%m-%d %H:%M', gmtime $_->{start}), count => $_->{count} } } @{ $buckets->{rows} } ],
         $records, $unicode);
@@ -425,7 +566,43 @@ Other fields are ignored.
 All a report holds is plain hashes of counts (and the first and last request
 times), so two reports merge by adding their counts, with the same figures as
 one report over all the records. The figures come out of one structure,
-L</summary>; the text and JSON forms only render it.
+L</summary>; the text, JSON and HTML forms only render it.
+
+=head2 Bounded memory
+
+A report's memory is bounded whatever the input, including hostile input
+with a new client address or path in every record:
+
+=over 4
+
+=item *
+
+Each counter (each share table and each top list) keeps exact counts while
+it has at most 200,000 distinct keys (twice C<max_keys>, 100,000 by
+default). When it passes that, it keeps the 100,000 largest counts as a
+heavy-hitters summary (Misra and Gries): the count of the next key is taken
+from every count and added to the counter's I<error>. Every count shown is
+then at most the true count and at least the true count minus the error,
+every key whose true count exceeds the error is still there, and the error
+is at most the counter's total divided by 100,001. Summaries merge by adding
+counts and errors. The summary marks such a list C<< exact => 0 >> with its
+C<error>, and the text form says "counts may be low by up to N".
+
+=item *
+
+The timeline counts minutes while there are at most 100,000 of them (about
+69 days), then hours, then days (a 32-bit time holds fewer than 50,000 days).
+Its counts stay exact.
+
+=item *
+
+The record count, the time span and the counts without time are always
+exact.
+
+=back
+
+While every counter fits, the figures are exact, and reports merged from
+parts are the same as one report over all the records.
 
 =head1 METHODS
 
@@ -434,7 +611,8 @@ L</summary>; the text and JSON forms only render it.
   my $report = quillon_event_log::Report->new(top => 10);
 
 An empty report. The option C<top> (a positive integer, 10 by default) is the
-length of the top lists.
+length of the top lists; C<max_keys> (100,000 by default) sets the bounds of
+L</Bounded memory>.
 
 =head2 add
 
@@ -458,6 +636,18 @@ C<_unknown=POS:HEX/...>). Returns the report.
 Adds the counts of another report to this one: afterwards this report gives
 exactly the figures of one report over the records of both. The other report
 is not changed; C<top> stays this report's. Returns the report.
+
+=head2 partial, from_partial
+
+  my $bytes  = $report->partial;                               # JSON, one line
+  my $report = quillon_event_log::Report->from_partial($bytes, top => 10);
+
+A partial report is the report's counts as JSON (UTF-8 bytes ending in a
+newline), for another process or machine to merge: C<qel report --partial>
+writes one and C<qel report --merge> reads them. C<from_partial> makes a
+report from one, checking every figure; C<top> is the new report's own.
+Merging reports made from partials gives the same figures as merging the
+reports themselves.
 
 =head2 summary
 
@@ -485,17 +675,17 @@ summary back.
 
 =head2 time_buckets
 
-  my $b = quillon_event_log::Report->time_buckets($summary->{per_minute}, max_rows => 60);
+  my $b = quillon_event_log::Report->time_buckets($summary->{timeline}, max_rows => 60);
   # { width => 5, rows => [ { start => 1763596800, count => 12 }, ... ] }
 
-Groups the per-minute counts of a summary into buckets for display: the
-narrowest bucket width of 1, 2, 5, 10, 15, 30, 60, 120, 180, 360, 720 or
-1440 minutes, or else a whole number of days, that gives at most
-C<max_rows> buckets (60 by default). C<width> is in minutes, C<start> in unix
+Groups the timeline of a summary into buckets for display: the narrowest
+bucket width of 1, 2, 5, 10, 15, 30, 60, 120, 180, 360, 720 or 1440
+minutes (no finer than the timeline's unit), or else a whole number of days,
+that gives at most C<max_rows> buckets (60 by default). C<width> is in minutes, C<start> in unix
 seconds; buckets start at multiples of the width since the epoch (so a
 5-minute bucket starts at :00, :05, ...) and run from the one holding the
 first request to the one holding the last, empty ones included. With no
-minutes, C<width> is 1 and C<rows> empty. The text form uses it, and so can
+buckets, C<width> is the unit in minutes and C<rows> empty. The text form uses it, and so can
 other renderers.
 
 =head1 THE SUMMARY
@@ -519,18 +709,25 @@ other renderers.
     configured_vs_actual => [            # every pair, ranked by count,
       { configured => 'block', actual => 'alarm', count => 7, share => 0.007 }, ...
     ],                                   # then configured, then actual
+    error => {},                         # counter => error, for counters that are
+                                         # no longer exact (see Bounded memory)
     top => {                             # one entry per list
       bot_name => {
         items    => [ { key => 'python-requests', count => 120 }, ... ],  # at most top_n
-        distinct => 37,                  # different keys seen
+        distinct => 37,                  # different keys seen (kept, when not exact)
         total    => 400,                 # sum of all their counts
+        exact    => 1,                   # 0 when the counts may be low ...
+        error    => 0,                   # ... by up to this much
       },
       bot_signature_category => {...}, anomalies => {...}, anomaly_categories => {...},
       country_code => {...}, host => {...}, client_ip => {...}, request_path => {...},
     },
-    per_minute => [                      # minutes with requests, in time order
-      { minute => 1763596800, count => 3 }, ...
-    ],
+    timeline => {
+      unit    => 60,                     # seconds per bucket: 60, 3600 or 86400
+      buckets => [                       # buckets with requests, in time order
+        { start => 1763596800, count => 3, actions => { block => 2, none => 1 } }, ...
+      ],
+    },
   }
 
 Ranked means by count, largest first, and equal counts by key in ascending
@@ -543,9 +740,10 @@ what the rest of the keys add up to. For C<anomalies> and
 C<anomaly_categories> a record counts once per element, so their total may
 exceed the records.
 
-C<per_minute> is sparse: minutes without requests are left out. A minute is
-the unix time of its start (a multiple of 60). L</time_buckets> fills the
-gaps and groups the minutes.
+C<timeline> is sparse: buckets without requests are left out. A bucket is
+the unix time of its start (a multiple of the unit), with its count and the
+count of each actual mitigation action (C<(none)> for records without one).
+L</time_buckets> fills the gaps and groups the buckets.
 
 With no records, C<records> is 0, the C<time> values other than
 C<without_time> are C<undef> (C<null> in JSON), and every list is empty.
@@ -585,6 +783,17 @@ C<new>, C<as_text> or C<time_buckets> was given an option it does not know.
 =item top must be a positive integer
 
 =item max_rows must be a positive integer
+
+=item max_keys must be a positive integer
+
+=item not a partial report: REASON
+
+=item partial report of version N; this is version 1
+
+=item partial report: WHAT IS WRONG
+
+C<from_partial> was given something else than a partial report, one of
+another version, or one whose figures are not counts.
 
 =item merge needs a quillon_event_log::Report
 

@@ -53,7 +53,7 @@ our $VERSION = '1.0';
 
 sub CLONE_SKIP { 1 }
 
-my @reader_options = qw(addresses characters codec fields max_record name on_error unknown_fields);
+my @reader_options = qw(addresses characters codec fields max_record name on_error stripe unknown_fields);
 
 sub new {
     my ($class, $source, %opt) = @_;
@@ -80,6 +80,10 @@ sub new {
         # Unknown fields go with the fields not asked for.
         $bits |= ${ quillon_event_log::Codec->new(unknown_fields => 'drop') };
     }
+    my $stripe = delete $opt{stripe} // [0, 1];
+    Carp::croak('option stripe must be [INDEX, COUNT] with 0 <= INDEX < COUNT')
+        unless ref $stripe eq 'ARRAY' && @$stripe == 2 && !grep({ !defined || ref || !/\A[0-9]{1,9}\z/ } @$stripe)
+            && $stripe->[0] < $stripe->[1];
     quillon_event_log::Stream::_refuse_unknown(\%opt, @reader_options);
 
     my $handle;
@@ -98,7 +102,7 @@ sub new {
     } else {
         Carp::croak('the source must be a path, a file handle or a reference to a byte string');
     }
-    return $class->_open($handle, "$name", $bits, $on_error, $max, $fields);
+    return $class->_open($handle, "$name", $bits, $on_error, $max, $fields, @$stripe);
 }
 
 package quillon_event_log::Stream::Writer;
@@ -237,6 +241,14 @@ when a program needs a few fields of large records. The other fields are
 passed over without being checked, so a record that is broken only inside a
 field not asked for is not reported. C<next_record> and C<next_bytes> are
 not affected.
+
+=item stripe => [INDEX, COUNT]
+
+For COUNT workers sharing one stream: this reader delivers only the records
+whose number, counted from 0, is INDEX modulo COUNT (C<index> still counts
+every record), reports only those records' problems, and leaves a problem
+that ends the stream to stripe 0. The other records are read past without
+being decoded. C<qel report --jobs> uses it.
 
 =item max_record => BYTES
 
