@@ -125,6 +125,11 @@ subtest 'qel report --partial, --merge, --jobs' => sub {
     is $merged, $one_json, '--merge of four partials: the JSON of one pass';
     is `@{[sh(@qel, 'report', '--merge', map { "$dir/part$_.json" } 0 .. 3)]}`,
        `@{[sh(@qel, 'report', $stream)]}`, 'and its text';
+    system(sh(@qel, 'report', '--html', "$dir/one.html", $stream) . ' > /dev/null') == 0 or die;
+    system(sh(@qel, 'report', '--merge', '--html', "$dir/merged.html", map { "$dir/part$_.json" } 0 .. 3) . ' > /dev/null') == 0 or die;
+    my $page = slurp("$dir/one.html");
+    like $page, qr/\A<!DOCTYPE html>/i, 'an HTML page';
+    ok slurp("$dir/merged.html") eq $page, 'and its HTML page, byte for byte';
     for my $jobs (2, 3) {
         is `@{[sh(@qel, 'report', '--jobs', $jobs, '--json', $stream)]}`, $one_json, "--jobs $jobs over one file";
         is `@{[sh(@qel, 'report', '--jobs', $jobs, '--json', @shards)]}`, $one_json, "--jobs $jobs over four files";

@@ -28,6 +28,8 @@ packages=(
     python3-protobuf
     jq
     gzip
+    parallel
+    libhtml-parser-perl
 )
 
 missing=()
