@@ -8,6 +8,8 @@ use strict;
 use warnings;
 use utf8;
 use Test::More;
+use lib 't/lib';
+use QelDom qw(parse_page elements by_id tagged text_of);
 use Encode ();
 use File::Temp ();
 use POSIX ();
@@ -59,51 +61,6 @@ sub write_page {
 # What the page logged to the console (chromium writes it to stderr with
 # --enable-logging): its lines, and every script error.
 sub console { grep { /:CONSOLE[:(]|Uncaught/ } split /\n/, $_[0] }
-
-# ---- the DOM that chromium dumped, parsed --------------------------------------
-
-my %VOID = map { $_ => 1 } qw(area base br col embed hr img input link meta source track wbr);
-
-sub parse_page {
-    my ($html) = @_;
-    my $root = { tag => '#root', attr => {}, kids => [] };
-    my $cur = $root;
-    my $p = HTML::Parser->new(
-        api_version => 3,
-        start_h => [ sub {
-            my ($tag, $attr) = @_;
-            my $el = { tag => $tag, attr => $attr, kids => [], parent => $cur };
-            push @{ $cur->{kids} }, $el;
-            $cur = $el unless $VOID{$tag};
-        }, 'tagname, attr' ],
-        end_h => [ sub {
-            my ($tag) = @_;
-            my $el = $cur;
-            $el = $el->{parent} while $el->{parent} && $el->{tag} ne $tag;
-            $cur = $el->{parent} if $el->{tag} eq $tag && $el->{parent};
-        }, 'tagname' ],
-        text_h => [ sub { push @{ $cur->{kids} }, $_[0] }, 'dtext' ],
-    );
-    $p->empty_element_tags(1);
-    $p->parse($html);
-    $p->eof;
-    return $root;
-}
-
-sub elements {
-    my ($el, $match) = @_;
-    map { ref $_ ? (($match->($_) ? $_ : ()), elements($_, $match)) : () } @{ $el->{kids} };
-}
-
-sub by_id {
-    my ($root, $id) = @_;
-    my @found = elements($root, sub { ($_[0]{attr}{id} // '') eq $id });
-    return @found == 1 ? $found[0] : undef;
-}
-
-sub tagged { my ($root, $tag, $class) = @_; elements($root, sub { $_[0]{tag} eq $tag && (!defined $class || ($_[0]{attr}{class} // '') eq $class) }) }
-
-sub text_of { join '', map { ref $_ ? text_of($_) : $_ } @{ $_[0]{kids} } }
 
 # ---- the page: sample records and hostile names --------------------------------
 

@@ -8,6 +8,8 @@ use strict;
 use warnings;
 use utf8;
 use Test::More;
+use lib 't/lib';
+use QelDom qw(parse_page elements by_id tagged text_of);
 use POSIX ();
 
 use quillon_event_log::Report;
@@ -24,62 +26,6 @@ BEGIN {
 my $HTML = 'quillon_event_log::Report::Html';
 my $T0   = 1763596800;    # 2025-11-20T00:00:00Z
 
-# ---- a small DOM from HTML::Parser's events ----------------------------------
-
-my %VOID = map { $_ => 1 } qw(area base br col embed hr img input link meta source track wbr);
-
-# Elements as { tag, attr, kids (elements and texts), parent }.
-sub parse_page {
-    my ($html) = @_;
-    my $root = { tag => '#root', attr => {}, kids => [] };
-    my $cur = $root;
-    my $p = HTML::Parser->new(
-        api_version => 3,
-        start_h => [ sub {
-            my ($tag, $attr) = @_;
-            my $el = { tag => $tag, attr => $attr, kids => [], parent => $cur };
-            push @{ $cur->{kids} }, $el;
-            $cur = $el unless $VOID{$tag};
-        }, 'tagname, attr' ],
-        end_h => [ sub {
-            my ($tag) = @_;
-            my $el = $cur;
-            $el = $el->{parent} while $el->{parent} && $el->{tag} ne $tag;
-            $cur = $el->{parent} if $el->{tag} eq $tag && $el->{parent};
-        }, 'tagname' ],
-        text_h => [ sub { push @{ $cur->{kids} }, $_[0] }, 'dtext' ],
-    );
-    $p->empty_element_tags(1);
-    $p->parse($html);
-    $p->eof;
-    return $root;
-}
-
-sub elements {
-    my ($el, $match) = @_;
-    my @out;
-    for my $k (@{ $el->{kids} }) {
-        next unless ref $k;
-        push @out, $k if $match->($k);
-        push @out, elements($k, $match);
-    }
-    return @out;
-}
-
-sub by_id {
-    my ($root, $id) = @_;
-    my @found = elements($root, sub { ($_[0]{attr}{id} // '') eq $id });
-    return @found == 1 ? $found[0] : undef;
-}
-
-sub text_of {
-    my ($el) = @_;
-    return join '', map { ref $_ ? text_of($_) : $_ } @{ $el->{kids} };
-}
-
-sub tagged { my ($root, $tag, $class) = @_; elements($root, sub { $_[0]{tag} eq $tag && (!defined $class || ($_[0]{attr}{class} // '') eq $class) }) }
-
-# The bars of a chart: [ data-key, data-count ] in page order.
 sub bars {
     my ($root, $id) = @_;
     my $fig = by_id($root, $id) or return;
