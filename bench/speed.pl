@@ -33,9 +33,22 @@ use QelBench qw(%typical %small %large);
 use quillon_event_log::QuillonEventLog;
 use quillon_event_log::Codec ();
 
+# The allocator's thresholds fixed for the whole run.  glibc's malloc moves
+# its mmap and trim thresholds as blocks are freed, so whether a 1 MB string
+# costs 256 page faults each time depended on which case ran before it: a
+# per-byte figure tripled from one run to the next.  Fixed high, large blocks
+# come from the heap and stay there, for every library alike.  --default-malloc
+# keeps glibc's moving thresholds.
+my $TUNABLES = 'glibc.malloc.mmap_threshold=33554432:glibc.malloc.trim_threshold=268435456';
+if (!grep({ $_ eq '--default-malloc' } @ARGV) && ($ENV{GLIBC_TUNABLES} // '') ne $TUNABLES) {
+    $ENV{GLIBC_TUNABLES} = $TUNABLES;
+    $ENV{PERL5LIB} = join ':', grep { !ref } @INC;
+    exec $^X, $0, @ARGV or die "cannot run $^X again: $!\n";
+}
+
 my %opt = (rounds => 31, ms => 12, calls => 2000);
 GetOptions(\%opt, 'rounds=i', 'ms=f', 'wall', 'markdown', 'readme', 'no-limit', 'seed=i',
-                  'only=s', 'callgrind', 'calls=i', 'out=s', 'run', 'list', 'help')
+                  'only=s', 'default-malloc', 'callgrind', 'calls=i', 'out=s', 'run', 'list', 'help')
     or usage();
 usage() if $opt{help};
 sub usage {
@@ -43,13 +56,15 @@ sub usage {
 usage: perl -Mblib bench/speed.pl [--rounds N] [--ms MS] [--wall] [--markdown | --readme] [--no-limit]
        perl -Mblib bench/speed.pl --callgrind SHAPE CASE [--calls N] [--out FILE]
        perl -Mblib bench/speed.pl --list
-       perl -Mblib bench/speed.pl --only REGEX ...   (only the cases whose "shape case" matches)
   --rounds N   rounds over all cases (default 31); more rounds, steadier medians
   --ms MS      CPU milliseconds each case runs per round (default 12)
   --wall       time by the wall clock instead of the process's CPU time
   --markdown   print the tables as markdown
   --readme     rewrite the results section of bench/README.md with this run's tables
   --no-limit   skip the C++ program
+  --default-malloc  keep glibc malloc's moving mmap and trim thresholds (fixed high otherwise)
+  --only RE    time only the cases whose "shape case" matches RE, the other figures left blank
+  --seed N     the seed of the shuffled order (default 1)
   --callgrind  instructions per record of one case, counted by valgrind's callgrind
   --list       the shapes and cases --callgrind accepts
 USAGE
@@ -218,7 +233,7 @@ if ($opt{callgrind}) {
         defined $ir{$calls} or die "no instruction total in $file\n";
     }
     my $per = ($ir{2 * $n} - $ir{$n}) / $n;
-    printf "%s %s: %.0f instructions per record (callgrind, %d calls minus %d; the loop's own few dozen included)\n",
+    printf "%s %s: %.0f instructions per record (callgrind, %d calls minus %d; the loop and the assignment included, see the case 'loop')\n",
         $shape, $path, $per, 2 * $n, $n;
     print "profile of the run of ", 2 * $n, " calls: callgrind_annotate $keep\n";
     exit 0;
@@ -379,8 +394,9 @@ say_(sprintf 'machine: %s, %s CPUs, %s; perl %vd; libprotobuf %s; g++ %s', $cpu,
 say_(sprintf 'JSON::XS %s, Sereal %s, CBOR::XS %s, Google::ProtocolBuffers %s',
     $JSON::XS::VERSION, $senc ? $Sereal::Encoder::VERSION : '-', $cbor ? $CBOR::XS::VERSION : '-',
     $peer ? $Google::ProtocolBuffers::VERSION : '-');
-say_(sprintf '%d rounds, every case %g ms of %s time per round, order shuffled each round; %.0f s',
-    $opt{rounds}, $opt{ms}, $opt{wall} ? 'wall-clock' : 'CPU', $elapsed);
+say_(sprintf '%d rounds, every case %g ms of %s time per round, order shuffled each round; %.0f s; malloc: %s',
+    $opt{rounds}, $opt{ms}, $opt{wall} ? 'wall-clock' : 'CPU', $elapsed,
+    $opt{'default-malloc'} ? "glibc's defaults" : "GLIBC_TUNABLES=$TUNABLES");
 say_('ns: median nanoseconds per record over the rounds (lowest..highest); x JSON: median of the');
 say_('per-round ratios to JSON::XS encode (encode rows) or decode (decode rows) of the same record.');
 say_('');
