@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <type_traits>
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/stubs/logging.h>
@@ -108,6 +109,65 @@ template <class Ops, class Msg> inline const Ops &ops_of(const FieldInfo<Msg> &f
         [](const M &m, int i) -> const std::string & { return m.f(i); }, \
         [](M &m) { return m.add_##f(); },                             \
         "Usage: quillon_event_log::QuillonEventLog::" #f "(CLASS, [index])"}
+
+// ---- the fields as constants -------------------------------------------------
+//
+// The operations of every field, one constant per field, expanded from
+// fields.h (record fields in `record_ops`, address fields in `address_ops`).
+// The field tables point at these, and the hot paths reach them directly
+// through the visitors below: a field's operations are then constants the
+// compiler sees, so a has-test or a setter is inlined instead of being an
+// indirect call.
+namespace record_ops {
+#define QEL_RECORD_OPS_CONSTANT(f, family) inline constexpr auto f = QEL_##family##_OPS(Record, f);
+QEL_RECORD_FIELDS(QEL_RECORD_OPS_CONSTANT)
+#undef QEL_RECORD_OPS_CONSTANT
+}  // namespace record_ops
+
+namespace address_ops {
+#define QEL_ADDRESS_OPS_CONSTANT(f, family) inline constexpr auto f = QEL_##family##_OPS(Address, f);
+QEL_ADDRESS_FIELDS(QEL_ADDRESS_OPS_CONSTANT)
+#undef QEL_ADDRESS_OPS_CONSTANT
+}  // namespace address_ops
+
+// A field's position in its table, by name: kRecordField_bot_name, ...
+enum RecordFieldIndex : size_t {
+#define QEL_RECORD_INDEX(f, family) kRecordField_##f,
+    QEL_RECORD_FIELDS(QEL_RECORD_INDEX)
+#undef QEL_RECORD_INDEX
+};
+enum AddressFieldIndex : size_t {
+#define QEL_ADDRESS_INDEX(f, family) kAddressField_##f,
+    QEL_ADDRESS_FIELDS(QEL_ADDRESS_INDEX)
+#undef QEL_ADDRESS_INDEX
+};
+
+// A family as a type, so that visitor code chooses per family at compile time
+// (`if constexpr (decltype(family)::value == Family::String)`).
+template <Family F> using FamilyTag = std::integral_constant<Family, F>;
+
+// Calls fn(index, FamilyTag, ops) for every field, in table order, unrolled.
+template <class Fn> inline void each_record_field(Fn &&fn) {
+#define QEL_VISIT_RECORD(f, family) fn(kRecordField_##f, FamilyTag<Family::family>{}, record_ops::f);
+    QEL_RECORD_FIELDS(QEL_VISIT_RECORD)
+#undef QEL_VISIT_RECORD
+}
+template <class Fn> inline void each_address_field(Fn &&fn) {
+#define QEL_VISIT_ADDRESS(f, family) fn(kAddressField_##f, FamilyTag<Family::family>{}, address_ops::f);
+    QEL_ADDRESS_FIELDS(QEL_VISIT_ADDRESS)
+#undef QEL_VISIT_ADDRESS
+}
+
+// The same call for the one field at `index`, through a switch.
+template <class Fn> inline void with_record_field(size_t index, Fn &&fn) {
+    switch (index) {
+#define QEL_CASE_RECORD(f, family) \
+    case kRecordField_##f: fn(kRecordField_##f, FamilyTag<Family::family>{}, record_ops::f); break;
+        QEL_RECORD_FIELDS(QEL_CASE_RECORD)
+#undef QEL_CASE_RECORD
+    default: break;
+    }
+}
 
 // The wire type a field of `family` is written with: varint (0) for numbers
 // and flags, length-delimited (2) for strings, addresses and list elements.
