@@ -121,4 +121,69 @@ for my $round (1 .. 400) {
 }
 is $differ, 0, "$records records of every family and size: pack writes the codec's bytes";
 
+# ---- new(\%h): the hash read by its own entries ----------------------------------
+
+# Conversions with and without the fast paths give what the setters give.
+{
+    my $r = $CLASS->new({ device_id => '0123', session_id => '00', support_id => '18446744073709551616',
+                          previous_support_id => '1234567890123456789', src_port => -1, dest_port => 4294967297,
+                          slot_number => '42', request_time => 7.9, mobile_is_app => 2, is_https_request => '0' });
+    is $r->device_id, '83', 'uint64 text with a leading zero is octal';
+    is $r->session_id, '0', 'uint64 "00" is 0';
+    is $r->support_id, '18446744073709551615', 'uint64 text past the range saturates';
+    is $r->previous_support_id, '1234567890123456789', 'uint64 plain decimal of 19 digits';
+    is $r->src_port, 4294967295, 'uint32 from the integer -1 wraps';
+    is $r->dest_port, 1, 'uint32 from an integer past 2**32 wraps';
+    is $r->slot_number, 42, 'uint32 from decimal text';
+    is $r->request_time, 7, 'uint32 from a fraction';
+    is $r->mobile_is_app, 1, 'a flag from 2';
+    ok $r->has_is_https_request && !$r->is_https_request, 'a flag from "0"';
+}
+
+# Perl code run while the fields are set (here a __WARN__ handler) sees and
+# changes the hash: the fields after it are looked up again, in field order.
+{
+    my %h = (bot_name => 'b', src_port => 'not a number', host => 'h', reason => 'r', enforced_by => 'e');
+    my @seen;
+    my $r = do {
+        use warnings;
+        local $SIG{__WARN__} = sub { push @seen, $_[0]; delete $h{host}; $h{request_status} = 'added' };
+        $CLASS->new(\%h);
+    };
+    is scalar(@seen), 1, 'one warning for the text that is not a number';
+    like $seen[0], qr/^Argument "not a number" isn't numeric/, 'and it is Perl\'s';
+    ok !$r->has_host, 'a field deleted by the handler is not set';
+    is $r->request_status, 'added', 'a field added by the handler is set';
+    is $r->reason, 'r', 'a field before the handler ran is set';
+    is $r->enforced_by, 'e', 'a field after it is set';
+    is $r->src_port, 0, 'the text that is not a number gives 0';
+}
+
+# A tied value: FETCH once, in field order with the others.
+{
+    package Counting;
+    sub TIESCALAR { my ($class, $v, $log) = @_; bless [$v, $log], $class }
+    sub FETCH { push @{ $_[0][1] }, $_[0][0]; $_[0][0] }
+    package main;
+    my @log;
+    my %h = (host => 'h', bot_name => 'b', enforced_by => 'e');
+    tie $h{$_->[0]}, 'Counting', $_->[1], \@log for [request_uri => 'v_request_uri'], [src_port => 7],
+        [enforced_by => 'v_enforced_by'];
+    my $r = $CLASS->new(\%h);
+    is_deeply \@log, [qw(v_request_uri 7 v_enforced_by)], 'tied values are fetched once each, in field order';
+    is $r->request_uri, 'v_request_uri', 'a tied string value';
+    is $r->host, 'h', 'a plain value after the tied ones';
+}
+
+# Keys that are not fields, and keys that only look like them.
+{
+    my %h = (bot_name => 'b', bot_nam => 'x', bot_namex => 'y', BOT_NAME => 'z', "bot_name\0" => 'w', other => 1);
+    my $r = $CLASS->new(\%h);
+    is_deeply $r->to_hashref, { bot_name => 'b' }, 'only the field names count';
+    my $wide = $CLASS->new({ "bot_name" => 'b', "host\x{100}" => 'x' });
+    is_deeply $wide->to_hashref, { bot_name => 'b' }, 'a wide key is no field';
+    my @many = map { ("k$_" => $_) } 1 .. 500;
+    is_deeply $CLASS->new({ @many, host => 'h' })->to_hashref, { host => 'h' }, 'a field among 500 other keys';
+}
+
 done_testing;
