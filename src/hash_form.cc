@@ -89,7 +89,7 @@ inline void store(pTHX_ HV *hv, const char *key, size_t len, U32 hash, SV *value
     hv_store(hv, key, static_cast<I32>(len), value, hash);
 }
 
-SV *list_to_sv(pTHX_ const StringListField &f, const Record &m, int count) {
+template <class Ops> SV *list_to_sv(pTHX_ const Ops &f, const Record &m, int count) {
     AV *av = newAV();
     av_extend(av, count - 1);
     SV **slots = AvARRAY(av);
@@ -128,19 +128,6 @@ template <class Ops, class Msg> void set_value(pTHX_ const FieldInfo<Msg> &fi, M
     f.set(m, sv_to_value<decltype(f.get(m))>(aTHX_ value));
 }
 
-// Present fields, counted to size the hash once instead of splitting it as
-// it fills.
-size_t count_present(const Record &m) {
-    size_t count = 0;
-    for (const auto &fi : kRecordFields) {
-        if (fi.family == Family::StringList)
-            count += ops_of<StringListField>(fi).size(m) != 0;
-        else  // every singular family's ops begin with its Presence
-            count += static_cast<const Presence<Record> *>(fi.ops)->has(m);
-    }
-    return count;
-}
-
 }  // namespace
 
 void init_hash_keys(pTHX) {
@@ -159,36 +146,40 @@ HV *address_to_hash(pTHX_ const Address &a) {
     return hv;
 }
 
+// One pass over the fields makes the values of the present ones; the hash is
+// then sized once for them and filled.
 HV *record_to_hash(pTHX_ const Record &m) {
-    HV *hv = newHV();
-    if (const size_t count = count_present(m); count > 7)
-        hv_ksplit(hv, count);
-    for (size_t i = 0; i < kRecordFieldCount; ++i) {
-        const auto &fi = kRecordFields[i];
-        SV *value = nullptr;
-        switch (fi.family) {
-        case Family::String: value = present_value<StringField<Record>>(aTHX_ fi, m); break;
-        case Family::UInt32: value = present_value<UInt32Field<Record>>(aTHX_ fi, m); break;
-        case Family::UInt64: value = present_value<UInt64Field<Record>>(aTHX_ fi, m); break;
-        case Family::Bool: value = present_value<BoolField<Record>>(aTHX_ fi, m); break;
-        case Family::Address: {
-            // A present address always gets its key, with an empty hash when
-            // none of its own fields is set.
-            const auto &f = ops_of<AddressField>(fi);
-            if (f.presence.has(m))
-                value = newRV_noinc(reinterpret_cast<SV *>(address_to_hash(aTHX_ f.get(m))));
-            break;
-        }
-        case Family::StringList: {
+    SV *values[kRecordFieldCount];
+    size_t index[kRecordFieldCount];
+    size_t count = 0;
+    each_record_field([&](size_t i, auto family, const auto &ops) {
+        constexpr Family F = decltype(family)::value;
+        SV *value;
+        if constexpr (F == Family::StringList) {
             // A list has a key only when it holds an element.
-            const auto &f = ops_of<StringListField>(fi);
-            if (const int count = f.size(m))
-                value = list_to_sv(aTHX_ f, m, count);
-            break;
+            const int n = ops.size(m);
+            if (!n)
+                return;
+            value = list_to_sv(aTHX_ ops, m, n);
+        } else {
+            if (!ops.presence.has(m))
+                return;
+            if constexpr (F == Family::Address)
+                // A present address always gets its key, with an empty hash
+                // when none of its own fields is set.
+                value = newRV_noinc(reinterpret_cast<SV *>(address_to_hash(aTHX_ ops.get(m))));
+            else
+                value = value_to_sv(aTHX_ ops.get(m));
         }
-        }
-        if (value)
-            store(aTHX_ hv, fi.name, fi.len, record_key_hash[i], value);
+        values[count] = value;
+        index[count++] = i;
+    });
+    HV *hv = newHV();
+    if (count > 7)
+        hv_ksplit(hv, count);
+    for (size_t k = 0; k < count; ++k) {
+        const auto &fi = kRecordFields[index[k]];
+        store(aTHX_ hv, fi.name, fi.len, record_key_hash[index[k]], values[k]);
     }
     return hv;
 }
