@@ -219,35 +219,19 @@ size_t utf8_sequence(const unsigned char *p, const unsigned char *end) {
 }
 
 Utf8 classify_utf8(const unsigned char *p, size_t n) {
-    const unsigned char *end = p + n;
-    constexpr uint64_t kHigh = 0x8080808080808080ull;
-    while (end - p >= 32) {  // four words at a time: one test per 32 bytes
-        uint64_t w[4];
-        std::memcpy(w, p, 32);
-        if ((w[0] | w[1] | w[2] | w[3]) & kHigh)
-            break;
-        p += 32;
-    }
-    while (end - p >= 8) {
-        uint64_t w;
-        std::memcpy(&w, p, 8);
-        if (w & kHigh)
-            break;
-        p += 8;
-    }
-    while (p < end && *p < 0x80)
-        ++p;
-    if (p == end)
+    // Pure ASCII, nearly every string, is told by all_ascii (64 bytes a step).
+    if (all_ascii(reinterpret_cast<const char *>(p), n))
         return Utf8::Ascii;
+    const unsigned char *end = p + n;
     while (p < end) {
         if (*p < 0x80) {
             ++p;
             continue;
         }
-        const size_t n = utf8_sequence(p, end);
-        if (!n)
+        const size_t len = utf8_sequence(p, end);
+        if (!len)
             return Utf8::Invalid;
-        p += n;
+        p += len;
     }
     return Utf8::Valid;
 }

@@ -32,15 +32,42 @@ inline SV *value_to_sv(pTHX_ bool v) { return newSViv(v ? 1 : 0); }
 // Perl scalars to number and flag values, one specialisation per field type.
 template <class T> T sv_to_value(pTHX_ SV *sv);
 
-// uint32 values wrap modulo 2**32 after Perl's unsigned conversion.
-template <> inline uint32_t sv_to_value<uint32_t>(pTHX_ SV *sv) { return static_cast<uint32_t>(SvUV(sv)); }
+// uint32 values wrap modulo 2**32 after Perl's unsigned conversion.  An
+// integer without get-magic is read as it is (what sv_2uv would return for
+// it, without the call).
+template <> inline uint32_t sv_to_value<uint32_t>(pTHX_ SV *sv) {
+    if (SvIOK_nog(sv))
+        return static_cast<uint32_t>(static_cast<UV>(SvIVX(sv)));
+    return static_cast<uint32_t>(SvUV(sv));
+}
+
+// Plain decimal text of 1 to 19 digits, the common form of a uint64 value,
+// read without strtoull: it cannot overflow, so the result is strtoull's.
+// False for anything else, a leading zero included (octal for strtoull).
+inline bool plain_decimal(const char *s, size_t len, uint64_t &out) {
+    if (len == 0 || len > 19 || (s[0] == '0' && len > 1))
+        return false;
+    uint64_t n = 0;
+    for (size_t i = 0; i < len; ++i) {
+        const unsigned d = static_cast<unsigned char>(s[i]) - '0';
+        if (d > 9)
+            return false;
+        n = n * 10 + d;
+    }
+    out = n;
+    return true;
+}
 
 // uint64 values arrive as text parsed like C's strtoull with base 0: leading
 // blanks, a sign, "0x" hex or "0" octal; it stops at the first character that
 // does not fit, gives 0 without digits and saturates when too large.  Numbers
 // pass through Perl's string form of them, so 1e19 reads as 1 ("1e+19").
 template <> inline uint64_t sv_to_value<uint64_t>(pTHX_ SV *sv) {
-    const char *text = SvPV_nolen(sv);
+    STRLEN len;
+    const char *text = SvPV(sv, len);
+    uint64_t n;
+    if (text && plain_decimal(text, len, n))
+        return n;
     return std::strtoull(text ? text : "", nullptr, 0);
 }
 

@@ -1,5 +1,6 @@
-// pack: the record is sized once, then serialised through OutputStream
-// straight into the buffer of the Perl string that pack returns.
+// pack: the record is sized once, then written straight into the buffer of the
+// Perl string that pack returns: by the direct writer below for the common
+// record, else by the generated serialiser through OutputStream.
 #include "output_stream.h"
 
 #include <algorithm>
@@ -7,7 +8,9 @@
 #include <cstring>
 
 #include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/unknown_field_set.h>
 
+#include "codec_common.h"
 #include "convert.h"
 
 namespace qel {
@@ -60,6 +63,177 @@ void OutputStream::finish() {
     *SvEND(target_) = '\0';
 }
 
+namespace {
+
+// ---- the direct writer ----------------------------------------------------------
+//
+// The generated serialiser reaches each field through its has-bits and runs
+// the runtime's UTF-8 validator over every string.  This writer gives the same
+// bytes (fields in number order, each as the runtime writes it) and the same
+// log lines at the same moment, in field order, but tests ASCII strings
+// cheaply (check_utf8) and reaches the fields through the inlined visitors of
+// families.h.  Records with unknown fields, rare, keep the generated path,
+// which places them.
+
+using codec::put_varint;
+using codec::varint_size;
+
+// A field's tag as written, from its number in the descriptor.
+struct Tag {
+    unsigned char bytes[5];
+    unsigned char len;
+};
+
+struct WireTables {
+    Tag record[kRecordFieldCount];
+    Tag address[kAddressFieldCount];
+    const char *full_name[kRecordFieldCount];  // for the UTF-8 report
+    bool in_number_order;  // the tables list both messages in field-number order
+};
+
+// A field's name and family, from fields.h.  (This file keeps to its own
+// tables instead of field_table.cc's, so that it links on its own with
+// protoc's classes, as its C++ checks build it.)
+struct Named {
+    const char *name;
+    Family family;
+};
+#define QEL_NAMED(f, family) {#f, Family::family},
+constexpr Named kRecordNamed[] = {QEL_RECORD_FIELDS(QEL_NAMED)};
+constexpr Named kAddressNamed[] = {QEL_ADDRESS_FIELDS(QEL_NAMED)};
+#undef QEL_NAMED
+
+template <class Msg, size_t N> bool make_tags(const Named (&fields)[N], Tag (&tags)[N], const char **full_names) {
+    bool ordered = true;
+    int previous = 0;
+    for (size_t i = 0; i < N; ++i) {
+        const google::protobuf::FieldDescriptor *fd = Msg::descriptor()->FindFieldByName(fields[i].name);
+        GOOGLE_CHECK(fd != nullptr) << "no field " << fields[i].name;
+        ordered = ordered && fd->number() > previous;
+        previous = fd->number();
+        const uint64_t tag = static_cast<uint64_t>(fd->number()) << 3 | wire_type_of(fields[i].family);
+        char *end = put_varint(reinterpret_cast<char *>(tags[i].bytes), tag);
+        tags[i].len = static_cast<unsigned char>(end - reinterpret_cast<char *>(tags[i].bytes));
+        if (full_names)
+            full_names[i] = fd->full_name().c_str();
+    }
+    return ordered;
+}
+
+WireTables build_tables() {
+    WireTables t;
+    const bool record_ordered = make_tags<Record>(kRecordNamed, t.record, t.full_name);
+    const bool address_ordered = make_tags<Address>(kAddressNamed, t.address, nullptr);
+    t.in_number_order = record_ordered && address_ordered;
+    return t;
+}
+
+// Built on the first pack of the process (the descriptor is needed).
+const WireTables &wire_tables() {
+    static const WireTables tables = build_tables();
+    return tables;
+}
+
+inline char *put_tag(char *p, const Tag &t) {
+    std::memcpy(p, t.bytes, 5);  // the buffer always has room for 5 (see pack_direct)
+    return p + t.len;
+}
+
+// Whether the generated serialiser must write `m`: it has unknown fields
+// itself or in an address that is written, or the tables are out of order.
+bool needs_runtime(const Record &m, const WireTables &t) {
+    if (!t.in_number_order || !m.unknown_fields().empty())
+        return true;
+    bool unknown = false;
+    each_record_field([&](size_t, auto family, const auto &ops) {
+        if constexpr (decltype(family)::value == Family::Address)
+            unknown = unknown || (ops.presence.has(m) && !ops.get(m).unknown_fields().empty());
+    });
+    return unknown;
+}
+
+size_t address_size(const Address &a, const WireTables &t) {
+    size_t n = 0;
+    each_address_field([&](size_t j, auto, const auto &ops) {
+        if (ops.presence.has(a))
+            n += t.address[j].len + varint_size(ops.get(a));
+    });
+    return n;
+}
+
+inline size_t string_size(const Tag &tag, const std::string &s) {
+    return tag.len + varint_size(static_cast<uint32_t>(s.size())) + s.size();
+}
+
+// The encoded size of `m`, as ByteSizeLong gives it for a record without
+// unknown fields.
+size_t record_size(const Record &m, const WireTables &t) {
+    size_t n = 0;
+    each_record_field([&](size_t i, auto family, const auto &ops) {
+        constexpr Family f = decltype(family)::value;
+        const Tag &tag = t.record[i];
+        if constexpr (f == Family::StringList) {
+            for (int k = 0, count = ops.size(m); k < count; ++k)
+                n += string_size(tag, ops.get(m, k));
+        } else {
+            if (!ops.presence.has(m))
+                return;
+            if constexpr (f == Family::String)
+                n += string_size(tag, ops.get(m));
+            else if constexpr (f == Family::Bool)
+                n += tag.len + 1;
+            else if constexpr (f == Family::Address)
+                n += tag.len + 1 + address_size(ops.get(m), t);  // an address takes under 128 bytes
+            else
+                n += tag.len + varint_size(ops.get(m));
+        }
+    });
+    return n;
+}
+
+// Out of line on purpose: the visitor's code per field stays a has-bit test
+// and a call, small enough to be inlined with its accessors.
+[[gnu::noinline]] char *put_string(char *p, const Tag &tag, const std::string &s, const char *full_name) {
+    check_utf8(s.data(), s.size(), google::protobuf::internal::WireFormatLite::SERIALIZE, full_name);
+    p = put_tag(p, tag);
+    p = put_varint(p, static_cast<uint32_t>(s.size()));
+    std::memcpy(p, s.data(), s.size());
+    return p + s.size();
+}
+
+char *put_record(char *p, const Record &m, const WireTables &t) {
+    each_record_field([&](size_t i, auto family, const auto &ops) {
+        constexpr Family f = decltype(family)::value;
+        const Tag &tag = t.record[i];
+        if constexpr (f == Family::StringList) {
+            for (int k = 0, count = ops.size(m); k < count; ++k)
+                p = put_string(p, tag, ops.get(m, k), t.full_name[i]);
+        } else {
+            if (!ops.presence.has(m))
+                return;
+            if constexpr (f == Family::String) {
+                p = put_string(p, tag, ops.get(m), t.full_name[i]);
+            } else if constexpr (f == Family::Bool) {
+                p = put_tag(p, tag);
+                *p++ = ops.get(m) ? 1 : 0;
+            } else if constexpr (f == Family::Address) {
+                const Address &a = ops.get(m);
+                p = put_tag(p, tag);
+                *p++ = static_cast<char>(address_size(a, t));
+                each_address_field([&](size_t j, auto, const auto &aops) {
+                    if (aops.presence.has(a))
+                        p = put_varint(put_tag(p, t.address[j]), aops.get(a));
+                });
+            } else {
+                p = put_varint(put_tag(p, tag), ops.get(m));
+            }
+        }
+    });
+    return p;
+}
+
+}  // namespace
+
 SV *pack_record(pTHX_ const Record &m) {
     if (!m.IsInitialized()) {
         // Cannot happen while the schema has no required field.  The text is
@@ -67,9 +241,20 @@ SV *pack_record(pTHX_ const Record &m) {
         SV *missing = sv_2mortal(value_to_sv(aTHX_ m.InitializationErrorString()));
         croak(kMissingRequired, SvPV_nolen(missing));
     }
-    const size_t size = m.ByteSizeLong();
+    const WireTables &tables = wire_tables();
+    const bool direct = !needs_runtime(m, tables);
+    const size_t size = direct ? record_size(m, tables) : m.ByteSizeLong();
     if (size > INT_MAX)
         return nullptr;
+    if (direct && size > 0) {
+        // Five bytes of slack: a tag is copied whole, whatever its length.
+        SV *out = newSV(size + 5);
+        char *end = put_record(SvPVX(out), m, tables);
+        *end = '\0';
+        SvCUR_set(out, static_cast<STRLEN>(end - SvPVX(out)));
+        SvPOK_only(out);
+        return out;
+    }
     SV *out = newSVpvn("", 0);
     if (size == 0) {
         // On purpose: an empty record packs to 16 zero bytes, not to the empty

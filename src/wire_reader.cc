@@ -76,8 +76,7 @@ bool read_bytes(CodedInputStream &in, std::string *s) {
 bool read_string(CodedInputStream &in, std::string *s, const char *full_name) {
     if (!read_bytes(in, s))
         return false;
-    WireFormatLite::VerifyUtf8String(s->data(), static_cast<int>(s->size()), WireFormatLite::PARSE,
-                                     full_name);
+    check_utf8(s->data(), s->size(), WireFormatLite::PARSE, full_name);
     return true;
 }
 
