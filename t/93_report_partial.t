@@ -41,7 +41,7 @@ subtest 'partial reports: written, read back, merged to one pass' => sub {
     is $merged->as_json, $one->as_json, 'three partials merge to the JSON of one pass';
     is $merged->as_text(unicode => 1), $one->as_text(unicode => 1), 'and to its text';
     my $partial = $one->partial;
-    like $partial, qr/\A\{"format":"quillon_event_log report partial","max_keys":100000,"state":\{/, 'what a partial is';
+    like $partial, qr/\A\{"format":"quillon_event_log report partial","max_keys":20000,"state":\{/, 'what a partial is';
     is(quillon_event_log::Report->from_partial($partial)->partial, $partial, 'a partial read back writes the same bytes');
     is(quillon_event_log::Report->from_partial($partial, top => 3)->summary->{top_n}, 3, 'top is the reader\'s');
 
@@ -134,6 +134,10 @@ subtest 'qel report --partial, --merge, --jobs' => sub {
         is `@{[sh(@qel, 'report', '--jobs', $jobs, '--json', $stream)]}`, $one_json, "--jobs $jobs over one file";
         is `@{[sh(@qel, 'report', '--jobs', $jobs, '--json', @shards)]}`, $one_json, "--jobs $jobs over four files";
     }
+    my $small = JSON::XS->new->decode(scalar `@{[sh(@qel, 'report', '--max-keys', '5', '--json', $stream)]}`);
+    is_deeply [map { $small->{top}{$_}{exact} } qw(bot_name country_code host)], [0, 0, 1],
+        '--max-keys 5: lists of more than 10 keys are summaries, the 10 hosts are still exact';
+    cmp_ok $small->{top}{bot_name}{error}, '>', 0, 'with an error bound';
     my $err = `@{[sh(@qel, 'report', '--merge', "$dir/shard0.qel")]} 2>&1 >/dev/null`;
     like $err, qr/\A\Q$dir\E\/shard0\.qel: not a partial report: /, 'a stream is not a partial';
     $err = `@{[sh(@qel, 'report', '--partial', '--json', $stream)]} 2>&1`;

@@ -29,8 +29,8 @@ my %usage = (
     filter => 'qel filter [--where FIELD=VALUE]... [--match FIELD=REGEX]... [--since TIME] [--until TIME] '
             . '[--strict] [--quiet] [FILE|-]...',
     sample => 'qel sample [--count N] [--seed S]',
-    report => 'qel report [--top N] [--json] [--html FILE] [--jobs N] [--strict] [--quiet] [FILE|-]...' . "\n"
-            . '       qel report --partial [--jobs N] [--strict] [--quiet] [FILE|-]...' . "\n"
+    report => 'qel report [--top N] [--json] [--html FILE] [--jobs N] [--max-keys N] [--strict] [--quiet] [FILE|-]...' . "\n"
+            . '       qel report --partial [--jobs N] [--max-keys N] [--strict] [--quiet] [FILE|-]...' . "\n"
             . '       qel report --merge [--top N] [--json] [--html FILE] PART...',
 );
 my @commands = qw(decode encode filter sample report);
@@ -423,13 +423,16 @@ sub sample {
 
 sub report {
     my ($self, @argv) = @_;
-    my %o = (top => 10, jobs => 1);
+    my %o = (top => 10, jobs => 1, max_keys => 20_000);
     $self->options(\@argv, { 'top=s' => \$o{top}, 'json' => \$o{json}, 'html=s' => \$o{html},
                              'partial' => \$o{partial}, 'merge' => \$o{merge}, 'jobs=s' => \$o{jobs},
+                             'max-keys=s' => \$o{max_keys},
                              'strict' => \$self->{strict}, 'quiet' => \$self->{quiet} })
         or return $self->{exit};
     return $self->usage_error("--top: expected a positive whole number, got \"$o{top}\"") unless $o{top} =~ /\A[1-9][0-9]*\z/;
     return $self->usage_error("--jobs: expected a positive whole number, got \"$o{jobs}\"") unless $o{jobs} =~ /\A[1-9][0-9]*\z/;
+    return $self->usage_error("--max-keys: expected a positive whole number, got \"$o{max_keys}\"")
+        unless $o{max_keys} =~ /\A[1-9][0-9]{0,8}\z/;
     return $self->usage_error('--partial and --merge exclude each other') if $o{partial} && $o{merge};
     return $self->usage_error('--partial writes the partial report only: no --json or --html')
         if $o{partial} && ($o{json} || defined $o{html});
@@ -437,10 +440,10 @@ sub report {
     return $self->usage_error('--merge needs at least one partial report') if $o{merge} && !@argv;
     require quillon_event_log::Report;
 
-    my $report = $o{merge}        ? $self->merged_partials(\@argv, $o{top})
-               : $o{jobs} > 1     ? $self->report_in_workers(\@argv, $o{top}, $o{jobs})
-               :                    $self->report_of(\@argv, $o{top});
-    $report //= quillon_event_log::Report->new(top => $o{top});
+    my %new = (top => $o{top}, max_keys => $o{max_keys});
+    my $report = $o{merge}        ? $self->merged_partials(\@argv, \%new)
+               : $o{jobs} > 1     ? $self->report_in_workers(\@argv, \%new, $o{jobs})
+               :                    $self->report_of(\@argv, \%new);
     binmode STDOUT;
     if ($o{partial}) {
         print $report->partial;
@@ -466,16 +469,16 @@ sub report {
 
 # One pass over the inputs; with `stripe`, only this worker's share.
 sub report_of {
-    my ($self, $files, $top, %stripe) = @_;
-    my $report = quillon_event_log::Report->new(top => $top);
+    my ($self, $files, $new, %stripe) = @_;
+    my $report = quillon_event_log::Report->new(%$new);
     $self->each_record($files, 'next', sub { $report->add($_[0]) },
                        characters => 1, addresses => 'text', fields => [quillon_event_log::Report->fields], %stripe);
     return $report;
 }
 
 sub merged_partials {
-    my ($self, $files, $top) = @_;
-    my $report = quillon_event_log::Report->new(top => $top);
+    my ($self, $files, $new) = @_;
+    my $report = quillon_event_log::Report->new(%$new);
     for my $file (@$files) {
         my $bytes = do {
             my $fh;
@@ -484,7 +487,7 @@ sub merged_partials {
             binmode $fh;
             <$fh>;
         };
-        my $part = eval { quillon_event_log::Report->from_partial($bytes // '', top => $top) };
+        my $part = eval { quillon_event_log::Report->from_partial($bytes // '', top => $new->{top}) };
         if (!$part) {
             $self->problem("$file: " . reason($@));
             next;
@@ -501,7 +504,7 @@ sub merged_partials {
 # taking the records whose number is W modulo N.  Standard input cannot be
 # shared: one worker reads it whole.
 sub report_in_workers {
-    my ($self, $files, $top, $jobs) = @_;
+    my ($self, $files, $new, $jobs) = @_;
     require File::Temp;
     my @files = $self->named_inputs($files);
     my @work = map { [] } 1 .. $jobs;
@@ -527,11 +530,11 @@ sub report_in_workers {
         my $pid = fork // die "qel: cannot start a worker: $!\n";
         if (!$pid) {
             $self->{quiet} = 1;    # one progress bar would not tell the truth
-            my $report = quillon_event_log::Report->new(top => $top);
+            my $report = quillon_event_log::Report->new(%$new);
             my $status = eval {
                 for (@{ $work[$w] }) {
                     my ($file, $at, $of) = @$_;
-                    $report->merge($self->report_of([$file], $top, $of ? (stripe => [$at, $of]) : ()));
+                    $report->merge($self->report_of([$file], $new, $of ? (stripe => [$at, $of]) : ()));
                 }
                 open my $out, '>:raw', "$dir/$w.part" or die "qel: cannot write a partial report: $!\n";
                 print $out $report->partial;
@@ -546,7 +549,7 @@ sub report_in_workers {
         }
         $worker{$pid} = $w;
     }
-    my $report = quillon_event_log::Report->new(top => $top);
+    my $report = quillon_event_log::Report->new(%$new);
     my %done;
     while ((my $pid = waitpid(-1, 0)) > 0) {
         my $w = delete $worker{$pid} // next;
@@ -556,7 +559,7 @@ sub report_in_workers {
     for my $w (sort { $a <=> $b } keys %done) {
         open my $fh, '<:raw', "$dir/$w.part" or next;
         local $/;
-        $report->merge(quillon_event_log::Report->from_partial(scalar <$fh>, top => $top));
+        $report->merge(quillon_event_log::Report->from_partial(scalar <$fh>, top => $new->{top}));
     }
     die $STOP if $self->{strict} && $self->{problems};
     return $report;

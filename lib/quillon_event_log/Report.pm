@@ -48,7 +48,7 @@ my $JSON = JSON::XS->new->utf8->canonical;
 # it has at most twice this many keys; past that it keeps the largest counts
 # (see _compact), and the timeline counts hours, then days, instead of
 # minutes.  Counters are looked at every CHECK_EVERY records.
-my $MAX_KEYS    = 100_000;
+my $MAX_KEYS    = 20_000;
 my $CHECK_EVERY = 4096;
 
 # The bounded counters: the share tables and the top lists.  A pair of
@@ -337,14 +337,22 @@ sub _share_table {
     return [ map { { key => $_, count => 0 + $counts->{$_}, share => _share($counts->{$_}, $records) } } _ranked($counts) ];
 }
 
+# The top of a counter without sorting all its keys: one pass keeps the best
+# `top` in rank order, so a counter of many keys costs no list of them all.
 sub _top_list {
     my ($counts, $top, $error) = @_;
-    my @keys = _ranked($counts);
-    my $total = 0;
-    $total += $_ for values %$counts;
-    splice @keys, $top if @keys > $top;
+    my (@best, $total);
+    $total = 0;
+    while (my ($k, $c) = each %$counts) {
+        $total += $c;
+        next if @best == $top && ($c < $best[-1][1] || ($c == $best[-1][1] && $k gt $best[-1][0]));
+        my $i = @best;
+        $i-- while $i > 0 && ($best[$i - 1][1] < $c || ($best[$i - 1][1] == $c && $best[$i - 1][0] gt $k));
+        splice @best, $i, 0, [$k, $c];
+        pop @best if @best > $top;
+    }
     return {
-        items    => [ map { { key => $_, count => 0 + $counts->{$_} } } @keys ],
+        items    => [ map { { key => $_->[0], count => 0 + $_->[1] } } @best ],
         distinct => scalar keys %$counts,
         total    => $total,
         exact    => $error ? 0 : 1,
@@ -578,20 +586,21 @@ with a new client address or path in every record:
 =item *
 
 Each counter (each share table and each top list) keeps exact counts while
-it has at most 200,000 distinct keys (twice C<max_keys>, 100,000 by
-default). When it passes that, it keeps the 100,000 largest counts as a
+it has at most 40,000 distinct keys (twice C<max_keys>, 20,000 by
+default). When it passes that, it keeps the 20,000 largest counts as a
 heavy-hitters summary (Misra and Gries): the count of the next key is taken
 from every count and added to the counter's I<error>. Every count shown is
 then at most the true count and at least the true count minus the error,
 every key whose true count exceeds the error is still there, and the error
-is at most the counter's total divided by 100,001. Summaries merge by adding
+is at most the counter's total divided by C<max_keys> + 1. Summaries merge by adding
 counts and errors. The summary marks such a list C<< exact => 0 >> with its
 C<error>, and the text form says "counts may be low by up to N".
 
 =item *
 
-The timeline counts minutes while there are at most 100,000 of them (about
-69 days), then hours, then days (a 32-bit time holds fewer than 50,000 days).
+The timeline counts minutes while there are at most C<max_keys> of them
+(20,000 minutes, about 14 days, by default), then hours while there are at
+most as many hours (about 2.3 years), then days.
 Its counts stay exact.
 
 =item *
@@ -611,8 +620,9 @@ parts are the same as one report over all the records.
   my $report = quillon_event_log::Report->new(top => 10);
 
 An empty report. The option C<top> (a positive integer, 10 by default) is the
-length of the top lists; C<max_keys> (100,000 by default) sets the bounds of
-L</Bounded memory>.
+length of the top lists; C<max_keys> (20,000 by default) sets the bounds of
+L</Bounded memory>: about 100 bytes per key, so a few MB per counter at most
+by default.
 
 =head2 add
 
