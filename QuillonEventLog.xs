@@ -95,6 +95,51 @@ SV *text_form(pTHX_ SV *handle) {
     return newSVpvn(text.data(), text.size());
 }
 
+// ---- freeing a record without the DESTROY call ---------------------------
+//
+// Perl calls DESTROY through a full sub call inside an eval scope, which
+// costs as much as making a small record.  For a handle of exactly this
+// class, whose DESTROY is still this module's own, the call would do nothing
+// the handle's mark does not do anyway when the scalar is freed a moment
+// later (free_marked frees the record).  Perl asks PL_destroyhook whether an
+// object is to be destroyed before it looks for DESTROY; this hook answers no
+// for those handles, so they are freed by their mark alone.  Anything else
+// takes the ordinary way: other classes and subclasses, a DESTROY replaced or
+// wrapped (Perl's cache of the class's DESTROY then holds another sub, or is
+// stale until the ordinary way refreshes it), handles made by other means, and
+// every object at global destruction, where Perl does not free the scalars
+// themselves and DESTROY is what frees the records.
+
+destroyable_proc_t next_destroy_hook;  // the hook this one was put in front of
+XSUBADDR_t record_destroy_xsub;        // the XSUB behind this class's DESTROY
+
+bool freed_by_mark_alone(pTHX_ SV *sv) {
+    if (SvTYPE(sv) != SVt_PVMG || PL_phase == PERL_PHASE_DESTRUCT || !mark_of<Record>(sv))
+        return false;
+    HV *stash = SvSTASH(sv);
+    if (!stash || !SvOOK(stash) || HvNAMELEN(stash) != sizeof kRecordClass - 1 ||
+        std::memcmp(HvNAME(stash), kRecordClass, sizeof kRecordClass - 1) != 0)
+        return false;
+    const struct mro_meta *meta = HvAUX(stash)->xhv_mro_meta;
+    if (!meta || !meta->destroy_gen || meta->destroy_gen != PL_sub_generation)
+        return false;
+    const CV *destroy = meta->destroy;
+    return destroy && CvISXSUB(destroy) && CvXSUB(destroy) == record_destroy_xsub;
+}
+
+bool destroyable(pTHX_ SV *sv) {
+    return !freed_by_mark_alone(aTHX_ sv) && next_destroy_hook(aTHX_ sv);
+}
+
+void install_destroy_hook(pTHX) {
+    CV *destroy = get_cv("quillon_event_log::QuillonEventLog::DESTROY", 0);
+    if (!destroy || !CvISXSUB(destroy) || PL_destroyhook == destroyable)
+        return;
+    record_destroy_xsub = CvXSUB(destroy);
+    next_destroy_hook = PL_destroyhook;
+    PL_destroyhook = destroyable;
+}
+
 }  // namespace
 
 MODULE = quillon_event_log::QuillonEventLog    PACKAGE = quillon_event_log::QuillonEventLog
@@ -278,3 +323,4 @@ BOOT:
     register_address_class(aTHX_ file);
     register_codec(aTHX_ file);
     register_stream(aTHX_ file);
+    install_destroy_hook(aTHX);

@@ -14,7 +14,58 @@ namespace qel {
 U32 record_key_hash[kRecordFieldCount];
 U32 address_key_hash[kAddressFieldCount];
 
+}  // namespace qel
+
+// ---- the keys as shared strings ----------------------------------------------
+//
+// Perl keeps every hash key once, in the interpreter's table of shared
+// strings.  Storing a key given as text looks it up there each time; a key
+// given as a scalar that already is such a shared string is just counted once
+// more, and a new hash's bucket is searched by comparing pointers.  So the
+// keys to_hashref stores are made once per interpreter as shared-string
+// scalars.  The table of shared strings belongs to one interpreter, so these
+// scalars do too: a new thread's interpreter, which starts with its parent's
+// pointer to them, makes its own on first use.
+#define MY_CXT_KEY "quillon_event_log::QuillonEventLog::_keys" XS_VERSION
+
+typedef struct {
+    PerlInterpreter *owner;  // the interpreter that made the scalars below
+    SV *record[qel::kRecordFieldCount];
+    SV *address[qel::kAddressFieldCount];
+} my_cxt_t;
+
+START_MY_CXT
+
+namespace qel {
 namespace {
+
+template <class Msg, size_t N>
+void share_keys(pTHX_ const FieldInfo<Msg> (&fields)[N], const U32 (&hashes)[N], SV *(&out)[N]) {
+    for (size_t i = 0; i < N; ++i)
+        out[i] = newSVpvn_share(fields[i].name, static_cast<I32>(fields[i].len), hashes[i]);
+}
+
+void make_shared_keys(pTHX_ my_cxt_t *cxt) {
+    cxt->owner = aTHX;
+    share_keys(aTHX_ kRecordFields, record_key_hash, cxt->record);
+    share_keys(aTHX_ kAddressFields, address_key_hash, cxt->address);
+}
+
+// The shared keys of the running interpreter.
+inline const my_cxt_t &shared_keys(pTHX) {
+    if (my_cxt_index >= 0 && my_cxt_index < PL_my_cxt_size) {
+        const auto *cxt = static_cast<const my_cxt_t *>(PL_my_cxt_list[my_cxt_index]);
+        if (cxt && cxt->owner == aTHX)
+            return *cxt;
+    }
+    // A thread's interpreter: its slot still points at its parent's keys.
+    MY_CXT_INIT;
+    make_shared_keys(aTHX_ &MY_CXT);
+    return MY_CXT;
+}
+
+// Stores `value` under a shared key; the hash takes over the reference.
+inline void store_shared(pTHX_ HV *hv, SV *key, SV *value) { hv_store_ent(hv, key, value, 0); }
 
 // The record's field names by key hash value, for reading a plain hash by
 // its own entries: open addressing over twice as many slots as fields, each
@@ -85,10 +136,6 @@ template <class Msg, size_t N> void hash_keys(const FieldInfo<Msg> (&fields)[N],
         PERL_HASH(out[i], fields[i].name, fields[i].len);
 }
 
-inline void store(pTHX_ HV *hv, const char *key, size_t len, U32 hash, SV *value) {
-    hv_store(hv, key, static_cast<I32>(len), value, hash);
-}
-
 template <class Ops> SV *list_to_sv(pTHX_ const Ops &f, const Record &m, int count) {
     AV *av = newAV();
     av_extend(av, count - 1);
@@ -134,21 +181,29 @@ void init_hash_keys(pTHX) {
     hash_keys(kRecordFields, record_key_hash);
     hash_keys(kAddressFields, address_key_hash);
     fill_name_slots();
+    MY_CXT_INIT;
+    make_shared_keys(aTHX_ &MY_CXT);
 }
 
-HV *address_to_hash(pTHX_ const Address &a) {
+namespace {
+
+HV *address_to_hash(pTHX_ const Address &a, const my_cxt_t &keys) {
     HV *hv = newHV();
     for (size_t i = 0; i < kAddressFieldCount; ++i) {
-        const auto &fi = kAddressFields[i];
-        if (SV *value = present_value<UInt32Field<Address>>(aTHX_ fi, a))
-            store(aTHX_ hv, fi.name, fi.len, address_key_hash[i], value);
+        if (SV *value = present_value<UInt32Field<Address>>(aTHX_ kAddressFields[i], a))
+            store_shared(aTHX_ hv, keys.address[i], value);
     }
     return hv;
 }
 
+}  // namespace
+
+HV *address_to_hash(pTHX_ const Address &a) { return address_to_hash(aTHX_ a, shared_keys(aTHX)); }
+
 // One pass over the fields makes the values of the present ones; the hash is
 // then sized once for them and filled.
 HV *record_to_hash(pTHX_ const Record &m) {
+    const my_cxt_t &keys = shared_keys(aTHX);
     SV *values[kRecordFieldCount];
     size_t index[kRecordFieldCount];
     size_t count = 0;
@@ -167,7 +222,7 @@ HV *record_to_hash(pTHX_ const Record &m) {
             if constexpr (F == Family::Address)
                 // A present address always gets its key, with an empty hash
                 // when none of its own fields is set.
-                value = newRV_noinc(reinterpret_cast<SV *>(address_to_hash(aTHX_ ops.get(m))));
+                value = newRV_noinc(reinterpret_cast<SV *>(address_to_hash(aTHX_ ops.get(m), keys)));
             else
                 value = value_to_sv(aTHX_ ops.get(m));
         }
@@ -177,10 +232,8 @@ HV *record_to_hash(pTHX_ const Record &m) {
     HV *hv = newHV();
     if (count > 7)
         hv_ksplit(hv, count);
-    for (size_t k = 0; k < count; ++k) {
-        const auto &fi = kRecordFields[index[k]];
-        store(aTHX_ hv, fi.name, fi.len, record_key_hash[index[k]], values[k]);
-    }
+    for (size_t k = 0; k < count; ++k)
+        store_shared(aTHX_ hv, keys.record[index[k]], values[k]);
     return hv;
 }
 
