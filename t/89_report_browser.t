@@ -38,6 +38,9 @@ sub chromium {
         open STDIN, '<', '/dev/null';
         open STDOUT, '>', $out or die "$out: $!";
         open STDERR, '>', $err or die "$err: $!";
+        # The browser is not ours to check: a sanitized run's preloads
+        # (tools/sanitize.sh) stay out of it.
+        delete @ENV{qw(LD_PRELOAD ASAN_OPTIONS UBSAN_OPTIONS)};
         exec $TIMEOUT, '-k', 5, 60, $CHROMIUM, '--headless', '--no-sandbox', '--disable-gpu',
             "--user-data-dir=$dir/profile", '--no-first-run', '--disable-background-networking',
             '--disable-component-update', '--enable-logging=stderr', '--v=0', @args, "file://$file";
