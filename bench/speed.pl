@@ -167,9 +167,9 @@ my $CLOCK = $opt{wall} ? sub { Time::HiRes::time() }
 sub compile_case {
     my ($shape, $path) = @_;
     my $h = $HASH_OF{$shape} or die "no shape '$shape' (see --list)\n";
-    my $spec = $PATH{$path} or die "no case '$path' (see --list)\n";
+    my $case = $PATH{$path} or die "no case '$path' (see --list)\n";
     available($path) or die "$path: " . (grep { defined } @MISSING{qw(sereal cbor peer)})[0] . "\n";
-    my ($setup, $body, $teardown) = (@$spec, '', '');
+    my ($setup, $body, $teardown) = (@$case, '', '');
     my $b = quillon_event_log::Codec::encode_event($h);
     my $j = $json->encode($h);
     my $s = $senc ? $senc->encode($h) : undef;

@@ -4,7 +4,7 @@ use strict;
 use warnings;
 use Test::More;
 use lib 't/lib';
-use QelTest qw(varint framed);
+use QelTest qw(varint framed run_program sh_words slurp spew);
 use File::Temp qw(tempdir);
 use JSON::XS ();
 
@@ -16,23 +16,12 @@ quillon_event_log::RuntimeLog::mode('silent');    # the odd records hold bytes t
 my $dir = tempdir(CLEANUP => 1);
 my @qel = ($^X, '-Mblib', 'blib/script/qel');
 
-sub spew { my ($p, $d) = @_; open my $fh, '>:raw', $p or die "$p: $!"; print $fh $d; close $fh or die }
-sub slurp { my ($p) = @_; open my $fh, '<:raw', $p or die "$p: $!"; local $/; my $d = <$fh>; $d // '' }
-
 # Runs qel with the given standard input: (stdout, stderr, exit status).
 sub qel {
     my ($stdin, @args) = @_;
-    my ($in, $out, $err) = map { "$dir/std$_" } qw(in out err);
-    spew($in, $stdin // '');
-    my $pid = fork // die "fork: $!";
-    if (!$pid) {
-        open STDIN, '<', $in or die;
-        open STDOUT, '>', $out or die;
-        open STDERR, '>', $err or die;
-        exec @qel, @args or exit 127;
-    }
-    waitpid $pid, 0;
-    return (slurp($out), slurp($err), $? >> 8);
+    spew("$dir/stdin", $stdin // '');
+    my ($out, $status, $err) = run_program([@qel, @args], dir => $dir, stdin => "$dir/stdin");
+    return ($out, $err, $status >> 8);
 }
 
 my $ip = sub { +{ ip0 => 0, ip1 => 0, ip2 => 0, ip3 => $_[0], rtdom_id => 0 } };
@@ -224,7 +213,7 @@ subtest 'gzip input and closed pipes' => sub {
     $w = quillon_event_log::Stream->writer($big);
     $w->write_event({ %{ $events[0] }, request_time => $_ }) for 1 .. 20000;
     $w->close;
-    my $cmd = join ' ', map { "'$_'" } @qel;
+    my $cmd = sh_words(@qel);
     my $first = `$cmd decode '$big' 2>'$dir/pipe.err' | head -n 1`;
     like $first, qr/\A# \Q$big\E: record 1 at byte 0, \d+ bytes\n\z/, 'head got its line';
     is slurp("$dir/pipe.err"), '', 'and qel ended quietly';

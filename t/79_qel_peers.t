@@ -13,7 +13,8 @@ use strict;
 use warnings;
 use Test::More;
 use File::Temp qw(tempdir);
-use File::Spec ();
+use lib 't/lib';
+use QelTest qw(in_path run_program sh_words slurp spew);
 use JSON::XS ();
 use B ();
 
@@ -25,36 +26,13 @@ my $dir = tempdir(CLEANUP => 1);
 my @qel = ($^X, '-Mblib', 'blib/script/qel');
 my $json = JSON::XS->new->utf8->canonical;
 
-sub spew { my ($p, $d) = @_; open my $fh, '>:raw', $p or die "$p: $!"; print $fh $d; close $fh or die "$p: $!" }
-sub slurp { my ($p) = @_; open my $fh, '<:raw', $p or die "$p: $!"; local $/; my $d = <$fh>; $d // '' }
-
-sub in_path {
-    my ($program) = @_;
-    for (File::Spec->path) {
-        my $p = "$_/$program";
-        return $p if -f $p && -x _;
-    }
-    return;
-}
-
-# Runs a program with standard input from a file (or /dev/null) and
-# standard output and error in files: (stdout, stderr, exit status).
+# Runs a program with standard input from a file (or /dev/null): (stdout,
+# stderr, exit status).
 sub run {
     my ($stdin, @cmd) = @_;
-    my ($out, $err) = ("$dir/run.out", "$dir/run.err");
-    my $pid = fork // die "fork: $!";
-    if (!$pid) {
-        open STDIN, '<', $stdin // '/dev/null' or die "stdin: $!";
-        open STDOUT, '>', $out or die "$out: $!";
-        open STDERR, '>', $err or die "$err: $!";
-        exec @cmd or exit 127;
-    }
-    waitpid $pid, 0;
-    return (slurp($out), slurp($err), $? >> 8);
+    my ($out, $status, $err) = run_program(\@cmd, dir => $dir, stdin => $stdin // '/dev/null');
+    return ($out, $err, $status >> 8);
 }
-
-# A command line for sh, every word quoted.
-sub sh_words { join ' ', map { my $w = $_; $w =~ s/'/'\\''/g; "'$w'" } @_ }
 
 # ---- the peers ------------------------------------------------------------------
 

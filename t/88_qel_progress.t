@@ -7,6 +7,8 @@
 use strict;
 use warnings;
 use Test::More;
+use lib 't/lib';
+use QelTest qw(slurp);
 use File::Temp qw(tempdir);
 use IO::Select ();
 
@@ -25,7 +27,6 @@ my $dir = tempdir(CLEANUP => 1);
 my @qel = ($^X, '-Mblib', 'blib/script/qel');
 my $COLUMNS = 80;
 
-sub slurp { my ($p) = @_; open my $fh, '<:raw', $p or die "$p: $!"; local $/; my $d = <$fh>; $d // '' }
 
 # Runs qel with standard output in a file and standard error either on the
 # slave side of a new pseudo-terminal of $COLUMNS columns ('pty') or in a

@@ -6,6 +6,8 @@
 use strict;
 use warnings;
 use Test::More;
+use lib 't/lib';
+use QelTest qw(sh_words slurp);
 use File::Temp qw(tempdir);
 use JSON::XS ();
 
@@ -19,8 +21,6 @@ my $dir = tempdir(CLEANUP => 1);
 my @qel = ($^X, '-Mblib', 'blib/script/qel');
 my $T0 = 1763596800;
 
-sub slurp { my ($p) = @_; open my $fh, '<:raw', $p or die "$p: $!"; local $/; my $d = <$fh>; $d // '' }
-sub sh { join ' ', map { my $s = $_; $s =~ s/'/'\\''/g; "'$s'" } @_ }
 
 # Sample events as the tool sees them (characters, text addresses).
 my $codec = quillon_event_log::Codec->new(characters => 1, addresses => 'text');
@@ -111,7 +111,7 @@ my $stream = "$dir/all.qel";
     $w->write_event($_) for @events;
     $w->close;
 }
-my $one_json = `@{[sh(@qel, 'report', '--json', $stream)]}`;
+my $one_json = `@{[sh_words(@qel, 'report', '--json', $stream)]}`;
 
 subtest 'qel report --partial, --merge, --jobs' => sub {
     my @shards = map { "$dir/shard$_.qel" } 0 .. 3;
@@ -119,28 +119,28 @@ subtest 'qel report --partial, --merge, --jobs' => sub {
     $w[$_ % 4]->write_event($events[$_]) for 0 .. $#events;
     $_->close for @w;
     for my $i (0 .. 3) {
-        system(sh(@qel, 'report', '--partial', $shards[$i]) . " > $dir/part$i.json") == 0 or die;
+        system(sh_words(@qel, 'report', '--partial', $shards[$i]) . " > $dir/part$i.json") == 0 or die;
     }
-    my $merged = `@{[sh(@qel, 'report', '--merge', '--json', map { "$dir/part$_.json" } 0 .. 3)]}`;
+    my $merged = `@{[sh_words(@qel, 'report', '--merge', '--json', map { "$dir/part$_.json" } 0 .. 3)]}`;
     is $merged, $one_json, '--merge of four partials: the JSON of one pass';
-    is `@{[sh(@qel, 'report', '--merge', map { "$dir/part$_.json" } 0 .. 3)]}`,
-       `@{[sh(@qel, 'report', $stream)]}`, 'and its text';
-    system(sh(@qel, 'report', '--html', "$dir/one.html", $stream) . ' > /dev/null') == 0 or die;
-    system(sh(@qel, 'report', '--merge', '--html', "$dir/merged.html", map { "$dir/part$_.json" } 0 .. 3) . ' > /dev/null') == 0 or die;
+    is `@{[sh_words(@qel, 'report', '--merge', map { "$dir/part$_.json" } 0 .. 3)]}`,
+       `@{[sh_words(@qel, 'report', $stream)]}`, 'and its text';
+    system(sh_words(@qel, 'report', '--html', "$dir/one.html", $stream) . ' > /dev/null') == 0 or die;
+    system(sh_words(@qel, 'report', '--merge', '--html', "$dir/merged.html", map { "$dir/part$_.json" } 0 .. 3) . ' > /dev/null') == 0 or die;
     my $page = slurp("$dir/one.html");
     like $page, qr/\A<!DOCTYPE html>/i, 'an HTML page';
     ok slurp("$dir/merged.html") eq $page, 'and its HTML page, byte for byte';
     for my $jobs (2, 3) {
-        is `@{[sh(@qel, 'report', '--jobs', $jobs, '--json', $stream)]}`, $one_json, "--jobs $jobs over one file";
-        is `@{[sh(@qel, 'report', '--jobs', $jobs, '--json', @shards)]}`, $one_json, "--jobs $jobs over four files";
+        is `@{[sh_words(@qel, 'report', '--jobs', $jobs, '--json', $stream)]}`, $one_json, "--jobs $jobs over one file";
+        is `@{[sh_words(@qel, 'report', '--jobs', $jobs, '--json', @shards)]}`, $one_json, "--jobs $jobs over four files";
     }
-    my $small = JSON::XS->new->decode(scalar `@{[sh(@qel, 'report', '--max-keys', '5', '--json', $stream)]}`);
+    my $small = JSON::XS->new->decode(scalar `@{[sh_words(@qel, 'report', '--max-keys', '5', '--json', $stream)]}`);
     is_deeply [map { $small->{top}{$_}{exact} } qw(bot_name country_code host)], [0, 0, 1],
         '--max-keys 5: lists of more than 10 keys are summaries, the 10 hosts are still exact';
     cmp_ok $small->{top}{bot_name}{error}, '>', 0, 'with an error bound';
-    my $err = `@{[sh(@qel, 'report', '--merge', "$dir/shard0.qel")]} 2>&1 >/dev/null`;
+    my $err = `@{[sh_words(@qel, 'report', '--merge', "$dir/shard0.qel")]} 2>&1 >/dev/null`;
     like $err, qr/\A\Q$dir\E\/shard0\.qel: not a partial report: /, 'a stream is not a partial';
-    $err = `@{[sh(@qel, 'report', '--partial', '--json', $stream)]} 2>&1`;
+    $err = `@{[sh_words(@qel, 'report', '--partial', '--json', $stream)]} 2>&1`;
     like $err, qr/\Aqel: --partial writes the partial report only: no --json or --html\n/, 'usage';
 
     # A corrupt record in a shared file is reported once, by the worker whose record it is.
@@ -151,7 +151,7 @@ subtest 'qel report --partial, --merge, --jobs' => sub {
     my $count = sub { my $r = quillon_event_log::Stream->reader($_[0]); my $n = 0; $n++ while defined $r->next_bytes; $n };
     my ($r0, $r1) = map { $count->($_) } @shards[0, 1];
     my ($s0, $s1) = map { -s $_ } @shards[0, 1];
-    $err = `@{[sh(@qel, 'report', '--jobs', '2', '--json', $bad)]} 2>&1 >/dev/null`;
+    $err = `@{[sh_words(@qel, 'report', '--jobs', '2', '--json', $bad)]} 2>&1 >/dev/null`;
     my $status = $? >> 8;
     is $err, "$bad: record @{[$r0 + 1]} at byte $s0: wire type 7 at byte 0 of the record\n"
            . "$bad: record @{[$r0 + $r1 + 2]} at byte @{[$s0 + 3 + $s1]}: truncated record: the prefix announces 9 bytes, 1 follow\n",
@@ -166,9 +166,9 @@ SKIP: {
         my @w = map { quillon_event_log::Stream->writer($_, characters => 1, addresses => 'text') } @shards;
         $w[int($_ * 8 / @events)]->write_event($events[$_]) for 0 .. $#events;
         $_->close for @w;
-        my $cmd = 'parallel --will-cite --jobs 2 ' . sh(@qel, 'report', '--partial') . " {} '>' {}.part ::: " . sh(@shards);
+        my $cmd = 'parallel --will-cite --jobs 2 ' . sh_words(@qel, 'report', '--partial') . " {} '>' {}.part ::: " . sh_words(@shards);
         is system($cmd), 0, 'parallel ran qel report --partial on each shard';
-        my $merged = `@{[sh(@qel, 'report', '--merge', '--json', map { "$_.part" } @shards)]}`;
+        my $merged = `@{[sh_words(@qel, 'report', '--merge', '--json', map { "$_.part" } @shards)]}`;
         is $merged, $one_json, 'the merged --json report equals the single pass, byte for byte';
     };
 }

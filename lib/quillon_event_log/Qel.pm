@@ -80,11 +80,11 @@ sub usage_error {
 
 # Parses the options of a subcommand; false after a usage error (printed).
 sub options {
-    my ($self, $argv, $spec) = @_;
+    my ($self, $argv, $wanted) = @_;
     my @warnings;
     local $SIG{__WARN__} = sub { push @warnings, $_[0] };
     my $p = Getopt::Long::Parser->new(config => [qw(no_ignore_case bundling no_auto_abbrev)]);
-    my $ok = $p->getoptionsfromarray($argv, %$spec, 'help|h' => \my $help);
+    my $ok = $p->getoptionsfromarray($argv, %$wanted, 'help|h' => \my $help);
     if ($help) {
         print "usage: $usage{$self->{command}}\n";
         $self->{exit} = CLEAN;

@@ -25,7 +25,7 @@ our @EXPORT_OK = qw(
     $TYPE_RE $EMPTY_RE $IP_TYPE_RE $IP_EMPTY_RE
     flags_of is_string_sv is_int_sv
     ip_fields present_fields empty_handle_ok
-    in_path sh_quote describe_status slurp
+    in_path sh_quote sh_words describe_status slurp spew
     cpp_skip_reason build_cpp build_cpp_ok run_program relay_tap perl_embed_flags
     quietly vlen string_fit string_for pattern_bytes
     record_hash_of_length sweep_lengths unknown_field_samples
@@ -579,12 +579,23 @@ sub sh_quote {
     return "'$s'";
 }
 
+# sh_words(@words): a command line for sh, every word quoted.
+sub sh_words { join ' ', map { sh_quote($_) } @_ }
+
 # describe_status($?): a wait status in words.
 sub describe_status {
     my $status = shift;
     return 'could not run' if $status == -1;
     return 'killed by signal ' . ($status & 127) if $status & 127;
     return 'exit ' . ($status >> 8);
+}
+
+# spew($path, $bytes): writes the file, or dies.
+sub spew {
+    my ($path, $bytes) = @_;
+    open my $fh, '>:raw', $path or die "$path: $!\n";
+    print $fh $bytes;
+    close $fh or die "$path: $!\n";
 }
 
 # slurp($path): the whole file as bytes, or "" when it cannot be read.
