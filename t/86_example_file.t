@@ -16,7 +16,7 @@ my $file = 'examples/events.qel';
 open my $fh, '<:raw', $file or die "$file: $!";
 my $shipped = do { local $/; <$fh> };
 
-my $cmd = sh_words($^X, '-Mblib', 'blib/script/qel', 'sample', '--count', '200', '--seed', '1';
+my $cmd = sh_words($^X, '-Mblib', 'blib/script/qel', 'sample', '--count', '200', '--seed', '1');
 my $made = `$cmd`;
 is $?, 0, 'qel sample ran';
 is length $made, length $shipped, 'same length';
