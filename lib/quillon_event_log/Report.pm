@@ -382,26 +382,48 @@ sub time_buckets {
     croak 'max_rows must be a positive integer'
         unless defined $max && !ref $max && $max =~ /\A[1-9][0-9]*\z/;
     my $buckets = $timeline->{buckets};
-    my $unit = $timeline->{unit} / 60;    # in minutes
-    return { width => $unit, rows => [] } unless @$buckets;
+    my $width = $class->bucket_width($timeline, $max, @BUCKET_MINUTES);
+    return { width => $width, rows => [] } unless @$buckets;
 
-    my $from = $buckets->[0]{start} / 60;
-    my $to   = $buckets->[-1]{start} / 60;
-    my $rows = sub { my $w = shift; int($to / $w) - int($from / $w) + 1 };
-    my ($width) = grep { $_ % $unit == 0 && $rows->($_) <= $max } @BUCKET_MINUTES;
-    if (!$width) {
-        my $days = POSIX::ceil(($to - $from + 1) / 1440 / $max);
-        $days++ while $rows->(1440 * $days) > $max;
-        $width = 1440 * $days;
-    }
-
-    my $first = int($from / $width);
-    my @counts = (0) x $rows->($width);
+    my $first = int($buckets->[0]{start} / 60 / $width);
+    my @counts = (0) x (int($buckets->[-1]{start} / 60 / $width) - $first + 1);
     $counts[ int($_->{start} / 60 / $width) - $first ] += $_->{count} for @$buckets;
     return {
         width => $width,
         rows  => [ map { { start => 60 * $width * ($first + $_), count => $counts[$_] } } 0 .. $#counts ],
     };
+}
+
+# The width in minutes of display buckets for a timeline: the narrowest of
+# `widths` (minutes, each dividing a day) that is a multiple of the timeline's
+# unit and gives at most `max` buckets from the first request's to the
+# last's, or else the fewest whole days that do; the unit when there are no
+# buckets.  The text form and the HTML page both choose with it.
+sub bucket_width {
+    my ($class, $timeline, $max, @widths) = @_;
+    my $buckets = $timeline->{buckets};
+    my $unit = ($timeline->{unit} || 60) / 60;
+    return $unit unless @$buckets;
+    my $from = $buckets->[0]{start} / 60;
+    my $to   = $buckets->[-1]{start} / 60;
+    my $rows = sub { my $w = shift; int($to / $w) - int($from / $w) + 1 };
+    my ($width) = grep { $_ % $unit == 0 && $rows->($_) <= $max } @widths;
+    return $width if $width;
+    # A lower bound on the days that fit; counted up from there.
+    my $days = POSIX::ceil(($to - $from + 1) / 1440 / $max);
+    $days++ while $rows->(1440 * $days) > $max;
+    return 1440 * $days;
+}
+
+# A bucket of `seconds` in words: "minute", "5 minutes", "hour", "3 hours",
+# "day", "2 days".
+sub bucket_name {
+    my ($class, $w) = @_;
+    my ($n, $unit) = $w % 86400 == 0 ? ($w / 86400, 'day')
+                   : $w % 3600 == 0  ? ($w / 3600, 'hour')
+                   : $w % 60 == 0    ? ($w / 60, 'minute')
+                   :                   ($w, 'second');
+    return $n == 1 ? $unit : "$n ${unit}s";
 }
 
 sub as_text {
@@ -467,16 +489,7 @@ sub _duration {
     return join ' ', @out;
 }
 
-sub _bucket_title {
-    my ($w) = @_;
-    my $per = $w == 1        ? 'minute'
-            : $w < 60        ? "$w minutes"
-            : $w == 60       ? 'hour'
-            : $w < 1440      ? ($w / 60) . ' hours'
-            : $w == 1440     ? 'day'
-            :                  ($w / 1440) . ' days';
-    return "Requests per $per (UTC)";
-}
+sub _bucket_title { 'Requests per ' . __PACKAGE__->bucket_name(60 * $_[0]) . ' (UTC)' }
 
 # One section: title, then label, count, share of all records and a bar
 # scaled to the table's largest count.
@@ -697,6 +710,15 @@ seconds; buckets start at multiples of the width since the epoch (so a
 first request to the one holding the last, empty ones included. With no
 buckets, C<width> is the unit in minutes and C<rows> empty. The text form uses it, and so can
 other renderers.
+
+=head2 bucket_width, bucket_name
+
+  my $minutes = quillon_event_log::Report->bucket_width($summary->{timeline}, $max, @widths);
+  my $words   = quillon_event_log::Report->bucket_name(300);    # "5 minutes"
+
+C<bucket_width> chooses the display buckets of a timeline as L</time_buckets>
+does, for any list of widths in minutes and any most number of buckets;
+C<bucket_name> names a bucket of so many seconds. The HTML page uses both.
 
 =head1 THE SUMMARY
 

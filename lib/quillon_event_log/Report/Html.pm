@@ -17,6 +17,7 @@ use warnings;
 
 use Carp qw(croak);
 use POSIX ();
+use quillon_event_log::Report ();
 
 our $VERSION = '1.0';
 
@@ -230,34 +231,17 @@ sub _overview {
 
 # ---- the timeline -----------------------------------------------------------------
 
-# The display bucket of a timeline: the narrowest of @BUCKET_SECONDS that is
-# a multiple of the summary's unit and gives at most $MAX_BARS bars from the
-# first request's bucket to the last one's, or else the fewest whole days
-# that do. Returns the width in seconds.
+# The display bucket of a timeline, in seconds: the narrowest of
+# @BUCKET_SECONDS that is a multiple of the summary's unit and gives at most
+# $MAX_BARS bars, or else the fewest whole days that do (the report's own
+# choice, with the page's widths).
 sub bucket_seconds {
     my ($class, $timeline) = @_;
-    my $unit = $timeline->{unit} || 60;
-    my $buckets = $timeline->{buckets} || [];
-    return $unit unless @$buckets;
-    my ($from, $to) = ($buckets->[0]{start}, $buckets->[-1]{start});
-    my $bars = sub { my $w = shift; int($to / $w) - int($from / $w) + 1 };
-    for my $w (@BUCKET_SECONDS) {
-        return $w if $w % $unit == 0 && $bars->($w) <= $MAX_BARS;
-    }
-    my $days = POSIX::ceil(($to - $from + 1) / 86400 / $MAX_BARS) || 1;
-    $days++ while $bars->(86400 * $days) > $MAX_BARS;
-    return 86400 * $days;
+    return 60 * quillon_event_log::Report->bucket_width($timeline, $MAX_BARS, map { $_ / 60 } @BUCKET_SECONDS);
 }
 
 # "minute", "5 minutes", "hour", "3 hours", "day", "2 days".
-sub bucket_name {
-    my ($class, $w) = @_;
-    my ($n, $unit) = $w % 86400 == 0 ? ($w / 86400, 'day')
-                   : $w % 3600 == 0  ? ($w / 3600, 'hour')
-                   : $w % 60 == 0    ? ($w / 60, 'minute')
-                   :                   ($w, 'second');
-    return $n == 1 ? $unit : "$n ${unit}s";
-}
+sub bucket_name { shift; quillon_event_log::Report->bucket_name(@_) }
 
 # The summary's buckets regrouped into display buckets of `width` seconds,
 # every one from the first to the last (empty ones too), with the counts per
