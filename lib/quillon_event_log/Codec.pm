@@ -13,6 +13,19 @@ our @EXPORT_OK = @EXPORT;
 # module's shared object.
 require quillon_event_log::QuillonEventLog;
 
+# Why a name is not a field of the record, in the codec's own words (with its
+# spelling suggestion), or undef when it is one: for programs that take field
+# names from their users.
+my $types;
+sub field_name_error {
+    my ($name) = @_;
+    $types //= field_types();
+    return undef if defined $name && !ref $name && $types->{$name};
+    $name //= '';
+    return qq{"$name" is not a field} if eval { encode_event({ $name => undef }); 1 };
+    return $@ =~ s/ at \S+ line \d+\.\n\z//r;
+}
+
 1;
 __END__
 
@@ -98,6 +111,19 @@ hash is only read, never changed.
 
 A reference to a new hash holding the record read from the bytes. Dies on
 malformed input (L</DIAGNOSTICS>).
+
+=head2 field_types, field_name_error
+
+  my $types = quillon_event_log::Codec::field_types();
+      # { bot_name => 'string', src_port => 'uint32', device_id => 'uint64',
+      #   is_https_request => 'bool', client_ip => 'address', anomalies => 'string list', ... }
+  my $why = quillon_event_log::Codec::field_name_error('bot_nmae');
+      # 'unknown field "bot_nmae" (did you mean "bot_name"?)'; undef for a field
+
+Not exported. C<field_types> gives the type of every field of the record;
+C<field_name_error> says why a name is not a field (C<_unknown> is a key of
+the hash form, not a field), for programs that take field names from their
+users.
 
 =head1 OBJECT-ORIENTED INTERFACE
 

@@ -115,15 +115,15 @@ sub reason {
     return $error;
 }
 
-# The field names, checked: the codec's own message for an unknown one.
 my $types;
 sub field_types { $types //= quillon_event_log::Codec::field_types() }
 
+# A field name given to an option, checked: the codec's own message for one
+# that is not a field.
 sub check_field {
     my ($self, $name, $option) = @_;
-    return 1 if field_types()->{$name};
-    eval { quillon_event_log::Codec::encode_event({ $name => undef }); 1 } and return 1;
-    $self->{exit} = $self->usage_error("$option: " . reason($@));
+    my $why = quillon_event_log::Codec::field_name_error($name) // return 1;
+    $self->{exit} = $self->usage_error("$option: $why");
     return;
 }
 
