@@ -253,6 +253,7 @@ Reader::Step Reader::read_frame() {
         coded->SetTotalBytesLimit(INT_MAX);
     }
     problem = Problem::None;
+    canonical_known = false;
     const void *data;
     int size;
     const int64_t at = base + coded->CurrentPosition();
@@ -383,27 +384,17 @@ Writer::~Writer() {
     SvREFCNT_dec(name);
 }
 
-bool Writer::flush() {
-    if (finished)
-        return true;
-    coded->Trim();
-    if (coded->HadError())
-        return false;
-    if (gzip && !gzip->Flush())
-        return false;
-    return raw->Flush() && sink->flush_handle();
-}
-
-bool Writer::finish() {
+bool Writer::drain(bool last) {
     if (finished)
         return true;
     coded->Trim();
     bool ok = !coded->HadError();
-    coded.reset();
+    if (last)
+        coded.reset();
     if (gzip)
-        ok = gzip->Close() && ok;
+        ok = (last ? gzip->Close() : gzip->Flush()) && ok;
     ok = ok && raw->Flush() && sink->flush_handle();
-    finished = true;
+    finished = last;
     return ok;
 }
 
@@ -467,6 +458,11 @@ SV *frame_reason(pTHX_ Reader &r) {
     }
 }
 
+// Why a record does not decode, with where in the record.
+SV *fault_reason(pTHX_ const codec::Fault &fault) {
+    return sv_2mortal(newSVpvf(kMalformedAt, SVfARG(fault.reason), static_cast<UV>(fault.at)));
+}
+
 enum class Kind { Hash, Record, Bytes };
 
 // next, next_record, next_bytes: the next record that reads, skipping (and
@@ -501,7 +497,6 @@ template <Kind kind> XS_INTERNAL(xs_next) {
         }
         const char *bytes = SvPVX(r->buffer);
         const STRLEN len = SvCUR(r->buffer);
-        r->canonical_known = false;
         if (kind == Kind::Bytes) {
             ST(0) = sv_2mortal(newSVpvn(bytes, len));
             XSRETURN(1);
@@ -515,8 +510,7 @@ template <Kind kind> XS_INTERNAL(xs_next) {
                 XSRETURN(1);
             }
             r->problem = Problem::Malformed;
-            report(aTHX_ handle, r, sv_2mortal(newSVpvf(kMalformedAt, SVfARG(fault.reason), static_cast<UV>(fault.at))),
-                   false);
+            report(aTHX_ handle, r, fault_reason(aTHX_ fault), false);
             continue;
         }
         Record *m = new_record();
@@ -529,29 +523,30 @@ template <Kind kind> XS_INTERNAL(xs_next) {
         }
         // The codec says why, when it can.
         r->problem = Problem::Refused;
-        SV *reason;
-        if (!codec::decode_buffer(aTHX_ SvPVX(r->buffer), SvCUR(r->buffer), codec::kDropUnknown, fault))
-            reason = sv_2mortal(newSVpvf(kMalformedAt, SVfARG(fault.reason), static_cast<UV>(fault.at)));
-        else
-            reason = sv_2mortal(newSVpv(kRefused, 0));
-        report(aTHX_ handle, r, reason, false);
+        const bool decodes = codec::decode_buffer(aTHX_ bytes, len, codec::kDropUnknown, fault);
+        report(aTHX_ handle, r, decodes ? sv_2mortal(newSVpv(kRefused, 0)) : fault_reason(aTHX_ fault), false);
     }
 }
 
-template <int which> XS_INTERNAL(xs_reader_info) {
+// What the reader's accessors tell.
+enum class ReaderInfo { Index, Offset, Name, BytesIn, Compressed, LastBytes, Canonical };
+
+template <ReaderInfo which> XS_INTERNAL(xs_reader_info) {
     dXSARGS;
     if (items != 1)
         croak_xs_usage(cv, "self");
     const Reader &r = live_message_from_handle<Reader>(aTHX_ ST(0));
     switch (which) {
-    case 0: ST(0) = r.index ? sv_2mortal(newSVuv(r.index)) : &PL_sv_undef; break;
-    case 1: ST(0) = r.offset >= 0 ? sv_2mortal(newSViv(static_cast<IV>(r.offset))) : &PL_sv_undef; break;
-    case 2: ST(0) = sv_2mortal(newSVsv(r.name)); break;
-    case 3: ST(0) = sv_2mortal(newSVuv(static_cast<UV>(r.source->bytes_read()))); break;
-    case 4: ST(0) = r.gzip ? &PL_sv_yes : &PL_sv_no; break;
-    case 5: ST(0) = r.index ? sv_2mortal(newSVsv(r.buffer)) : &PL_sv_undef; break;
-    case 6:
-        ST(0) = !r.canonical_known || r.problem != Problem::None ? &PL_sv_undef : r.canonical ? &PL_sv_yes : &PL_sv_no;
+    case ReaderInfo::Index: ST(0) = r.index ? sv_2mortal(newSVuv(r.index)) : &PL_sv_undef; break;
+    case ReaderInfo::Offset:
+        ST(0) = r.offset >= 0 ? sv_2mortal(newSViv(static_cast<IV>(r.offset))) : &PL_sv_undef;
+        break;
+    case ReaderInfo::Name: ST(0) = sv_2mortal(newSVsv(r.name)); break;
+    case ReaderInfo::BytesIn: ST(0) = sv_2mortal(newSVuv(static_cast<UV>(r.source->bytes_read()))); break;
+    case ReaderInfo::Compressed: ST(0) = r.gzip ? &PL_sv_yes : &PL_sv_no; break;
+    case ReaderInfo::LastBytes: ST(0) = r.index ? sv_2mortal(newSVsv(r.buffer)) : &PL_sv_undef; break;
+    case ReaderInfo::Canonical:
+        ST(0) = !r.canonical_known ? &PL_sv_undef : r.canonical ? &PL_sv_yes : &PL_sv_no;
         break;
     }
     XSRETURN(1);
@@ -733,14 +728,16 @@ XS_INTERNAL(xs_writer_close) {
     XSRETURN_EMPTY;
 }
 
-template <int which> XS_INTERNAL(xs_writer_info) {
+enum class WriterInfo { Count, Name };
+
+template <WriterInfo which> XS_INTERNAL(xs_writer_info) {
     dXSARGS;
     if (items != 1)
         croak_xs_usage(cv, "self");
     const Writer &w = live_message_from_handle<Writer>(aTHX_ ST(0));
     switch (which) {
-    case 0: ST(0) = sv_2mortal(newSVuv(w.count)); break;
-    case 1: ST(0) = sv_2mortal(newSVsv(w.name)); break;
+    case WriterInfo::Count: ST(0) = sv_2mortal(newSVuv(w.count)); break;
+    case WriterInfo::Name: ST(0) = sv_2mortal(newSVsv(w.name)); break;
     }
     XSRETURN(1);
 }
@@ -782,13 +779,13 @@ constexpr Entry kEntries[] = {
     {"quillon_event_log::Stream::Reader::next", xs_next<Kind::Hash>},
     {"quillon_event_log::Stream::Reader::next_record", xs_next<Kind::Record>},
     {"quillon_event_log::Stream::Reader::next_bytes", xs_next<Kind::Bytes>},
-    {"quillon_event_log::Stream::Reader::index", xs_reader_info<0>},
-    {"quillon_event_log::Stream::Reader::offset", xs_reader_info<1>},
-    {"quillon_event_log::Stream::Reader::name", xs_reader_info<2>},
-    {"quillon_event_log::Stream::Reader::bytes_in", xs_reader_info<3>},
-    {"quillon_event_log::Stream::Reader::compressed", xs_reader_info<4>},
-    {"quillon_event_log::Stream::Reader::last_bytes", xs_reader_info<5>},
-    {"quillon_event_log::Stream::Reader::canonical", xs_reader_info<6>},
+    {"quillon_event_log::Stream::Reader::index", xs_reader_info<ReaderInfo::Index>},
+    {"quillon_event_log::Stream::Reader::offset", xs_reader_info<ReaderInfo::Offset>},
+    {"quillon_event_log::Stream::Reader::name", xs_reader_info<ReaderInfo::Name>},
+    {"quillon_event_log::Stream::Reader::bytes_in", xs_reader_info<ReaderInfo::BytesIn>},
+    {"quillon_event_log::Stream::Reader::compressed", xs_reader_info<ReaderInfo::Compressed>},
+    {"quillon_event_log::Stream::Reader::last_bytes", xs_reader_info<ReaderInfo::LastBytes>},
+    {"quillon_event_log::Stream::Reader::canonical", xs_reader_info<ReaderInfo::Canonical>},
     {"quillon_event_log::Stream::Reader::close", xs_destroy<Reader>},
     {"quillon_event_log::Stream::Reader::DESTROY", xs_destroy<Reader>},
     {"quillon_event_log::Stream::Writer::_open", xs_writer_open},
@@ -797,8 +794,8 @@ constexpr Entry kEntries[] = {
     {"quillon_event_log::Stream::Writer::write_record", xs_write_record},
     {"quillon_event_log::Stream::Writer::flush", xs_writer_flush},
     {"quillon_event_log::Stream::Writer::_finish", xs_writer_close},
-    {"quillon_event_log::Stream::Writer::count", xs_writer_info<0>},
-    {"quillon_event_log::Stream::Writer::name", xs_writer_info<1>},
+    {"quillon_event_log::Stream::Writer::count", xs_writer_info<WriterInfo::Count>},
+    {"quillon_event_log::Stream::Writer::name", xs_writer_info<WriterInfo::Name>},
     {"quillon_event_log::Stream::Writer::_destroy", xs_writer_destroy},
 };
 

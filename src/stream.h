@@ -118,8 +118,8 @@ class Reader {
     UV index = 0;        // the number of the last record, from 1
     int64_t offset = -1; // where its length prefix starts
     bool ended = false;
-    bool canonical = false;  // whether the last hash encodes back to its bytes ...
-    bool canonical_known = false;  // ... when next made it
+    bool canonical = false;        // whether the last hash encodes back to its bytes ...
+    bool canonical_known = false;  // ... when next made it from the last frame
     Problem problem = Problem::None;
     uint64_t detail[2] = {0, 0};  // numbers for the problem's text
 };
@@ -144,10 +144,12 @@ class Writer {
     Writer(pTHX_ IO *io, SV *name, unsigned options, int gzip_level);
     ~Writer();
 
-    // Everything written so far down to the file handle; false on failure.
-    bool flush();
-    // flush, then the end of the gzip data; the writer takes no more.
-    bool finish();
+    // Everything written so far down to the file handle, and with `last`
+    // the end of the gzip data, after which the writer takes no more; false
+    // on failure.
+    bool drain(bool last);
+    bool flush() { return drain(false); }
+    bool finish() { return drain(true); }
 
     PerlInterpreter *perl;
     std::unique_ptr<Sink> sink;
