@@ -60,7 +60,8 @@ struct Dec {
     WireError err;
 };
 
-inline bool is_present(const Dec &d, size_t i) { return d.present[i / 64] >> (i % 64) & 1; }
+inline bool bit(const uint64_t *bits, size_t i) { return bits[i / 64] >> (i % 64) & 1; }
+inline bool is_present(const Dec &d, size_t i) { return bit(d.present, i); }
 inline void set_present(Dec &d, size_t i) { d.present[i / 64] |= uint64_t(1) << (i % 64); }
 
 // A run of consecutive unknown fields as "POS:HEX" at the end of `*av`.
@@ -212,7 +213,7 @@ bool read_record(pTHX_ Dec &d, const Byte *p, const Byte *end) {
         if (!(p = read_tag(p, end, tag, d.err)))
             return false;
         const Field *f = level.find(tag >> 3);
-        if (f && d.only && !(d.only[(f - level.fields) / 64] >> ((f - level.fields) % 64) & 1)) {
+        if (f && d.only && !bit(d.only, static_cast<size_t>(f - level.fields))) {
             // A field the caller did not ask for: passed over like a dropped
             // unknown field.
             if (!(p = skip_value(at, p, end, tag, &level, nullptr, 0, d.err)))

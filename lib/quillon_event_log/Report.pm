@@ -92,7 +92,6 @@ sub _empty_state {
     };
 }
 
-# The hot path: one hash increment per figure, nothing else.
 # The fields add reads: a reader can decode only these.
 my @FIELDS = qw(classification actual_mitigation_action configured_mitigation_action bot_name
                 bot_signature_category country_code host anomalies anomaly_categories client_ip
@@ -100,6 +99,7 @@ my @FIELDS = qw(classification actual_mitigation_action configured_mitigation_ac
 
 sub fields { @FIELDS }
 
+# The hot path: one hash increment per figure, nothing else.
 sub add {
     my ($self, $e) = @_;
     my $s = $self->{state};
