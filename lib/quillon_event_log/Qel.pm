@@ -131,22 +131,23 @@ sub check_field {
 
 sub named_inputs { @{ $_[1] } ? @{ $_[1] } : ('-') }
 
-# Calls $each->($reader) for every readable record of every input, in order,
-# with $read (a reader method name) already called: $each gets the value.
+# Calls $each->($value, $reader) for every readable record of every input,
+# in order, $value being what the reader method $read gave for it; the reader
+# is made with %options (codec options, fields, stripe).
 sub each_record {
-    my ($self, $files, $read, $each, %codec) = @_;
+    my ($self, $files, $read, $each, %options) = @_;
     my @files = $self->named_inputs($files);
     my $progress = $self->progress_bar(\@files);
     my $done = 0;
     for my $file (@files) {
         my $source = $file eq '-' ? \*STDIN : $file;
         my $reader = eval {
-            quillon_event_log::Stream->reader($source, %codec, name => $file,
+            quillon_event_log::Stream->reader($source, %options, name => $file,
                 on_error => sub { $self->problem($_[0]{message}) });
         };
         if (!$reader) {
             # Workers sharing a file by stripes: the first one says it.
-            my $stripe = $codec{stripe};
+            my $stripe = $options{stripe};
             $self->problem('qel: ' . reason($@)) unless $stripe && $stripe->[0];
             next;
         }
@@ -312,11 +313,13 @@ sub filter {
                              'until=s' => \$until, 'strict' => \$self->{strict}, 'quiet' => \$self->{quiet} })
         or return $self->{exit};
     my @tests;
-    for my $cond (@where, @match) {
-        my $is_where = grep { $_ eq $cond } @where;
-        my $option = $is_where ? '--where' : '--match';
+    # Each condition with the option that gave it (the same text may come
+    # with both).
+    for (map({ ['--where', 'VALUE', $_] } @where), map({ ['--match', 'REGEX', $_] } @match)) {
+        my ($option, $what, $cond) = @$_;
+        my $is_where = $option eq '--where';
         my ($field, $value) = $cond =~ /\A([^=]*)=(.*)\z/s
-            or return $self->usage_error("$option: expected FIELD=" . ($is_where ? 'VALUE' : 'REGEX') . ", got \"$cond\"");
+            or return $self->usage_error("$option: expected FIELD=$what, got \"$cond\"");
         $self->check_field($field, $option) or return $self->{exit};
         utf8::decode($value);
         my $test;
