@@ -531,6 +531,7 @@ sub _label {
 # count / records as a percentage to one decimal, halves rounded up.
 sub _percent {
     my ($count, $records) = @_;
+    return '0.0%' unless $records;
     my $permille = int((2000 * $count + $records) / (2 * $records));
     return sprintf '%d.%d%%', int($permille / 10), $permille % 10;
 }

@@ -169,29 +169,10 @@ sub _short {
     return _text($label);
 }
 
-# count / records as a percentage to one decimal, halves rounded up (the
-# digits of the text form).
-sub _percent {
-    my ($count, $records) = @_;
-    return '0.0%' unless $records;
-    my $permille = int((2000 * $count + $records) / (2 * $records));
-    return sprintf '%d.%d%%', int($permille / 10), $permille % 10;
-}
-
-sub _iso { POSIX::strftime('%Y-%m-%dT%H:%M:%SZ', gmtime $_[0]) }
-
-# 3725 seconds read "1h 2m 5s", as in the text form.
-sub _duration {
-    my ($secs) = @_;
-    my @out;
-    for ([ d => 86400 ], [ h => 3600 ], [ m => 60 ], [ s => 1 ]) {
-        my ($unit, $size) = @$_;
-        my $n = int($secs / $size);
-        $secs -= $n * $size;
-        push @out, "$n$unit" if $n || @out || $unit eq 's';
-    }
-    return join ' ', @out;
-}
+# Percentages, times and spans read as in the text form: the report's own.
+*_percent  = \&quillon_event_log::Report::_percent;
+*_iso      = \&quillon_event_log::Report::_iso;
+*_duration = \&quillon_event_log::Report::_duration;
 
 # Coordinates with at most two decimals, without trailing zeros.
 sub _n {
