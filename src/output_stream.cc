@@ -78,65 +78,35 @@ namespace {
 using codec::put_varint;
 using codec::varint_size;
 
-// A field's tag as written, from its number in the descriptor.
-struct Tag {
-    unsigned char bytes[5];
-    unsigned char len;
-};
+// The wire view of both messages (each field's tag as written, and its full
+// name for the UTF-8 report) is the codec's: one table, built from fields.h
+// and the descriptor on first use.
+using codec::Field;
+using codec::Level;
 
 struct WireTables {
-    Tag record[kRecordFieldCount];
-    Tag address[kAddressFieldCount];
-    const char *full_name[kRecordFieldCount];  // for the UTF-8 report
-    bool in_number_order;  // the tables list both messages in field-number order
+    const Level &record;
+    const Level &address;
+    bool in_number_order;  // both list their fields in field-number order
 };
 
-// A field's name and family, from fields.h.  (This file keeps to its own
-// tables instead of field_table.cc's, so that it links on its own with
-// protoc's classes, as its C++ checks build it.)
-struct Named {
-    const char *name;
-    Family family;
-};
-#define QEL_NAMED(f, family) {#f, Family::family},
-constexpr Named kRecordNamed[] = {QEL_RECORD_FIELDS(QEL_NAMED)};
-constexpr Named kAddressNamed[] = {QEL_ADDRESS_FIELDS(QEL_NAMED)};
-#undef QEL_NAMED
-
-template <class Msg, size_t N> bool make_tags(const Named (&fields)[N], Tag (&tags)[N], const char **full_names) {
-    bool ordered = true;
-    int previous = 0;
-    for (size_t i = 0; i < N; ++i) {
-        const google::protobuf::FieldDescriptor *fd = Msg::descriptor()->FindFieldByName(fields[i].name);
-        GOOGLE_CHECK(fd != nullptr) << "no field " << fields[i].name;
-        ordered = ordered && fd->number() > previous;
-        previous = fd->number();
-        const uint64_t tag = static_cast<uint64_t>(fd->number()) << 3 | wire_type_of(fields[i].family);
-        char *end = put_varint(reinterpret_cast<char *>(tags[i].bytes), tag);
-        tags[i].len = static_cast<unsigned char>(end - reinterpret_cast<char *>(tags[i].bytes));
-        if (full_names)
-            full_names[i] = fd->full_name().c_str();
-    }
-    return ordered;
+bool numbers_increase(const Level &level) {
+    for (size_t i = 1; i < level.count; ++i)
+        if (level.fields[i].number <= level.fields[i - 1].number)
+            return false;
+    return true;
 }
 
-WireTables build_tables() {
-    WireTables t;
-    const bool record_ordered = make_tags<Record>(kRecordNamed, t.record, t.full_name);
-    const bool address_ordered = make_tags<Address>(kAddressNamed, t.address, nullptr);
-    t.in_number_order = record_ordered && address_ordered;
-    return t;
-}
-
-// Built on the first pack of the process (the descriptor is needed).
 const WireTables &wire_tables() {
-    static const WireTables tables = build_tables();
+    static const WireTables tables{*codec::levels().record, *codec::levels().address,
+                                   numbers_increase(*codec::levels().record) &&
+                                       numbers_increase(*codec::levels().address)};
     return tables;
 }
 
-inline char *put_tag(char *p, const Tag &t) {
-    std::memcpy(p, t.bytes, 5);  // the buffer always has room for 5 (see pack_direct)
-    return p + t.len;
+inline char *put_tag(char *p, const Field &f) {
+    std::memcpy(p, f.tag, 5);  // the buffer always has room for 5 (see pack_direct)
+    return p + f.tag_len;
 }
 
 // Whether the generated serialiser must write `m`: it has unknown fields
@@ -156,13 +126,13 @@ size_t address_size(const Address &a, const WireTables &t) {
     size_t n = 0;
     each_address_field([&](size_t j, auto, const auto &ops) {
         if (ops.presence.has(a))
-            n += t.address[j].len + varint_size(ops.get(a));
+            n += t.address.fields[j].tag_len + varint_size(ops.get(a));
     });
     return n;
 }
 
-inline size_t string_size(const Tag &tag, const std::string &s) {
-    return tag.len + varint_size(static_cast<uint32_t>(s.size())) + s.size();
+inline size_t string_size(const Field &tag, const std::string &s) {
+    return tag.tag_len + varint_size(static_cast<uint32_t>(s.size())) + s.size();
 }
 
 // The encoded size of `m`, as ByteSizeLong gives it for a record without
@@ -171,7 +141,7 @@ size_t record_size(const Record &m, const WireTables &t) {
     size_t n = 0;
     each_record_field([&](size_t i, auto family, const auto &ops) {
         constexpr Family f = decltype(family)::value;
-        const Tag &tag = t.record[i];
+        const Field &tag = t.record.fields[i];
         if constexpr (f == Family::StringList) {
             for (int k = 0, count = ops.size(m); k < count; ++k)
                 n += string_size(tag, ops.get(m, k));
@@ -181,11 +151,11 @@ size_t record_size(const Record &m, const WireTables &t) {
             if constexpr (f == Family::String)
                 n += string_size(tag, ops.get(m));
             else if constexpr (f == Family::Bool)
-                n += tag.len + 1;
+                n += tag.tag_len + 1;
             else if constexpr (f == Family::Address)
-                n += tag.len + 1 + address_size(ops.get(m), t);  // an address takes under 128 bytes
+                n += tag.tag_len + 1 + address_size(ops.get(m), t);  // an address takes under 128 bytes
             else
-                n += tag.len + varint_size(ops.get(m));
+                n += tag.tag_len + varint_size(ops.get(m));
         }
     });
     return n;
@@ -193,8 +163,8 @@ size_t record_size(const Record &m, const WireTables &t) {
 
 // Out of line on purpose: the visitor's code per field stays a has-bit test
 // and a call, small enough to be inlined with its accessors.
-[[gnu::noinline]] char *put_string(char *p, const Tag &tag, const std::string &s, const char *full_name) {
-    check_utf8(s.data(), s.size(), google::protobuf::internal::WireFormatLite::SERIALIZE, full_name);
+[[gnu::noinline]] char *put_string(char *p, const Field &tag, const std::string &s) {
+    check_utf8(s.data(), s.size(), google::protobuf::internal::WireFormatLite::SERIALIZE, tag.full_name);
     p = put_tag(p, tag);
     p = put_varint(p, static_cast<uint32_t>(s.size()));
     std::memcpy(p, s.data(), s.size());
@@ -204,15 +174,15 @@ size_t record_size(const Record &m, const WireTables &t) {
 char *put_record(char *p, const Record &m, const WireTables &t) {
     each_record_field([&](size_t i, auto family, const auto &ops) {
         constexpr Family f = decltype(family)::value;
-        const Tag &tag = t.record[i];
+        const Field &tag = t.record.fields[i];
         if constexpr (f == Family::StringList) {
             for (int k = 0, count = ops.size(m); k < count; ++k)
-                p = put_string(p, tag, ops.get(m, k), t.full_name[i]);
+                p = put_string(p, tag, ops.get(m, k));
         } else {
             if (!ops.presence.has(m))
                 return;
             if constexpr (f == Family::String) {
-                p = put_string(p, tag, ops.get(m), t.full_name[i]);
+                p = put_string(p, tag, ops.get(m));
             } else if constexpr (f == Family::Bool) {
                 p = put_tag(p, tag);
                 *p++ = ops.get(m) ? 1 : 0;
@@ -222,7 +192,7 @@ char *put_record(char *p, const Record &m, const WireTables &t) {
                 *p++ = static_cast<char>(address_size(a, t));
                 each_address_field([&](size_t j, auto, const auto &aops) {
                     if (aops.presence.has(a))
-                        p = put_varint(put_tag(p, t.address[j]), aops.get(a));
+                        p = put_varint(put_tag(p, t.address.fields[j]), aops.get(a));
                 });
             } else {
                 p = put_varint(put_tag(p, tag), ops.get(m));
