@@ -15,6 +15,9 @@ use Getopt::Long;
 use File::Temp qw(tempdir);
 use Time::HiRes qw(time);
 use POSIX ();
+use FindBin;
+use lib "$FindBin::Bin/lib";
+use QelBench qw(median);
 
 my ($records, $runs, $memory, $scale) = (200_000, 5, '10000,100000,1000000', '10000,100000,1000000,10000000');
 GetOptions('records=i' => \$records, 'runs=i' => \$runs, 'memory=s' => \$memory, 'scale=s' => \$scale)
@@ -44,7 +47,6 @@ sub measure {
     return ($elapsed, $kb);
 }
 
-sub median { my @s = sort { $a <=> $b } @_; @s % 2 ? $s[$#s / 2] : ($s[@s / 2 - 1] + $s[@s / 2]) / 2 }
 
 my $qel = sh_quote(@pin, @qel);
 my $stream = "$dir/typical.qel";

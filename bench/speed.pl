@@ -29,7 +29,7 @@ use List::Util qw(shuffle);
 use Time::HiRes ();
 use FindBin;
 use lib "$FindBin::Bin/lib", "$FindBin::Bin/../t/lib";
-use QelBench qw(%typical %small %large);
+use QelBench qw(%typical %small %large median);
 use quillon_event_log::QuillonEventLog;
 use quillon_event_log::Codec ();
 
@@ -342,7 +342,6 @@ my $elapsed = time - $started;
 
 # ---- statistics ------------------------------------------------------------
 
-sub median { my @s = sort { $a <=> $b } @_; @s % 2 ? $s[$#s / 2] : ($s[@s / 2 - 1] + $s[@s / 2]) / 2 }
 sub med    { my $t = $times{"@_"} or return undef; median(@$t) }
 sub spread { my $t = $times{"@_"} or return ''; my @s = sort { $a <=> $b } @$t; ns($s[0]) . '..' . ns($s[-1]) }
 # The median over rounds of a/b, both of the same round.

@@ -6,7 +6,7 @@ package QelBench;
 use strict;
 use warnings;
 use Exporter 'import';
-our @EXPORT_OK = qw(%typical %small %large);
+our @EXPORT_OK = qw(%typical %small %large median);
 
 our %typical = (
     bot_name                           => 'curl',
@@ -57,4 +57,7 @@ our %small = (
     actual_mitigation_action => 'block',
 );
 our %large = (%typical, http_request => $typical{http_request} . ('x' x (16 * 1024)));
+# The median of a list of numbers (the mean of the middle two for an even count).
+sub median { my @s = sort { $a <=> $b } @_; @s % 2 ? $s[$#s / 2] : ($s[@s / 2 - 1] + $s[@s / 2]) / 2 }
+
 1;
