@@ -14,9 +14,9 @@ using namespace codec_text;
 
 constexpr char kCodecClass[] = "quillon_event_log::Codec";
 
-// The option bits of a codec object, or a croak for anything else.  A
-// subclass's objects count; the referent must be what new makes.
-unsigned options_of(pTHX_ SV *self) {
+}  // namespace
+
+unsigned codec_options(pTHX_ SV *self) {
     if (SvROK(self)) {
         SV *obj = SvRV(self);
         if (SvOBJECT(obj) && SvREADONLY(obj) && SvIOK(obj) && !SvROK(obj) && SvTYPE(obj) < SVt_PVAV &&
@@ -26,6 +26,8 @@ unsigned options_of(pTHX_ SV *self) {
     }
     croak("%s", kNotCodec);
 }
+
+namespace {
 
 bool is_string(pTHX_ SV *sv, const char *text) {
     if (SvROK(sv) || !SvOK(sv))
@@ -41,7 +43,7 @@ template <SV *(*work)(pTHX_ SV *, unsigned), bool kMethod> XS_INTERNAL(xs_conver
     dXSARGS;
     if (items != (kMethod ? 2 : 1))
         croak_xs_usage(cv, static_cast<const char *>(CvXSUBANY(cv).any_ptr));
-    const unsigned options = kMethod ? options_of(aTHX_ ST(0)) : 0;
+    const unsigned options = kMethod ? codec_options(aTHX_ ST(0)) : 0;
     ST(0) = work(aTHX_ ST(items - 1), options);
     XSRETURN(1);
 }
@@ -105,7 +107,7 @@ template <Accessor which> XS_INTERNAL(xs_option) {
     dXSARGS;
     if (items != 1)
         croak_xs_usage(cv, "self");
-    const unsigned bits = options_of(aTHX_ ST(0));
+    const unsigned bits = codec_options(aTHX_ ST(0));
     switch (which) {
     case Accessor::Characters: ST(0) = sv_2mortal(newSViv(bits & kCharacters ? 1 : 0)); break;
     case Accessor::Addresses: ST(0) = sv_2mortal(newSVpv(bits & kTextAddresses ? "text" : "hash", 4)); break;

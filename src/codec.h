@@ -7,6 +7,10 @@
 
 namespace qel {
 
+// The option bits of a codec object, or a croak for anything else.  A
+// subclass's objects count; the referent must be what new makes.
+unsigned codec_options(pTHX_ SV *codec);
+
 // Boot: registers the XSUBs of quillon_event_log::Codec.
 void register_codec(pTHX_ const char *file);
 

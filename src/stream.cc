@@ -552,13 +552,15 @@ template <ReaderInfo which> XS_INTERNAL(xs_reader_info) {
     XSRETURN(1);
 }
 
-// _open(CLASS, SOURCE, NAME, CODEC_OPTIONS, ON_ERROR, MAX_RECORD, FIELDS,
-// STRIPE_AT, STRIPE_OF): SOURCE is a file handle or a reference to a byte
-// string; FIELDS an array of the field names next decodes, or undef for all.
+// _open(CLASS, SOURCE, NAME, CODEC, ON_ERROR, MAX_RECORD, FIELDS, STRIPE_AT,
+// STRIPE_OF): SOURCE is a file handle or a reference to a byte string; CODEC
+// the codec object next decodes with; FIELDS an array of the field names next
+// decodes, or undef for all.
 XS_INTERNAL(xs_reader_open) {
     dXSARGS;
     if (items != 9)
-        croak_xs_usage(cv, "class, source, name, options, on_error, max_record, fields, stripe_at, stripe_of");
+        croak_xs_usage(cv, "class, source, name, codec, on_error, max_record, fields, stripe_at, stripe_of");
+    unsigned options = codec_options(aTHX_ ST(3));
     const UV stripe_at = SvUV(ST(7));
     const UV stripe_of = SvUV(ST(8));
     if (stripe_of == 0 || stripe_at >= stripe_of)
@@ -580,6 +582,7 @@ XS_INTERNAL(xs_reader_open) {
                 croak("unknown field \"%s\"", text);
             only[i / 64] |= uint64_t(1) << (i % 64);
         }
+        options |= codec::kDropUnknown;  // unknown fields go with the fields not asked for
     }
     SV *src = ST(1);
     std::unique_ptr<Source> source;
@@ -607,7 +610,7 @@ XS_INTERNAL(xs_reader_open) {
         source.reset(new HandleSource(aTHX_ io_of(aTHX_ src, "source")));
     SV *on_error = SvOK(ST(4)) ? newSVsv(ST(4)) : nullptr;
     Reader *r = new Reader(aTHX_ std::move(source), newSVsv(ST(2)), on_error,
-                           static_cast<unsigned>(SvUV(ST(3))), static_cast<uint64_t>(SvUV(ST(5))));
+                           options, static_cast<uint64_t>(SvUV(ST(5))));
     r->selective = selective;
     std::memcpy(r->only, only, sizeof only);
     r->stripe_at = stripe_at;
@@ -616,15 +619,16 @@ XS_INTERNAL(xs_reader_open) {
     XSRETURN(1);
 }
 
-// _open(CLASS, HANDLE, NAME, CODEC_OPTIONS, GZIP_LEVEL): GZIP_LEVEL -1 writes
-// plain records.
+// _open(CLASS, HANDLE, NAME, CODEC, GZIP_LEVEL): CODEC is the codec object
+// write_event encodes with; GZIP_LEVEL -1 writes plain records.
 XS_INTERNAL(xs_writer_open) {
     dXSARGS;
     if (items != 5)
-        croak_xs_usage(cv, "class, handle, name, options, gzip_level");
+        croak_xs_usage(cv, "class, handle, name, codec, gzip_level");
+    const unsigned options = codec_options(aTHX_ ST(3));
     IO *io = io_of(aTHX_ ST(1), "destination");
     const IV level = SvIV(ST(4));
-    Writer *w = new Writer(aTHX_ io, newSVsv(ST(2)), static_cast<unsigned>(SvUV(ST(3))),
+    Writer *w = new Writer(aTHX_ io, newSVsv(ST(2)), options,
                            level < -1 ? -1 : level > 9 ? 9 : static_cast<int>(level));
     ST(0) = new_handle(aTHX_ gv_stashsv(ST(0), GV_ADD), w);
     XSRETURN(1);

@@ -17,9 +17,9 @@ $Carp::Internal{$_}++ for qw(quillon_event_log::Stream quillon_event_log::Stream
 sub reader { shift; quillon_event_log::Stream::Reader->new(@_) }
 sub writer { shift; quillon_event_log::Stream::Writer->new(@_) }
 
-# The option bits of the codec a reader decodes with and a writer encodes
-# with: a codec object of the caller's, or one made from the codec options.
-sub _codec_bits {
+# The codec a reader decodes with and a writer encodes with: a codec object
+# of the caller's, or one made from the codec options.
+sub _codec {
     my ($opt) = @_;
     my %codec_opt = map { exists $opt->{$_} ? ($_ => delete $opt->{$_}) : () }
         qw(characters addresses unknown_fields);
@@ -32,7 +32,7 @@ sub _codec_bits {
         $codec = eval { quillon_event_log::Codec->new(%codec_opt) }
             or Carp::croak($@ =~ s/ at \S+ line \d+\.\n\z//r);
     }
-    return $$codec;
+    return $codec;
 }
 
 sub _refuse_unknown {
@@ -58,7 +58,7 @@ my @reader_options = qw(addresses characters codec fields max_record name on_err
 sub new {
     my ($class, $source, %opt) = @_;
     Carp::croak('usage: quillon_event_log::Stream::Reader->new(SOURCE, OPTIONS...)') unless defined $source;
-    my $bits = quillon_event_log::Stream::_codec_bits(\%opt);
+    my $codec = quillon_event_log::Stream::_codec(\%opt);
     my $on_error = delete $opt{on_error};
     Carp::croak('option on_error must be a code reference')
         if defined $on_error && ref $on_error ne 'CODE';
@@ -73,8 +73,6 @@ sub new {
             my $why = quillon_event_log::Codec::field_name_error($field);
             Carp::croak("option fields: $why") if defined $why;
         }
-        # Unknown fields go with the fields not asked for.
-        $bits |= ${ quillon_event_log::Codec->new(unknown_fields => 'drop') };
     }
     my $stripe = delete $opt{stripe} // [0, 1];
     Carp::croak('option stripe must be [INDEX, COUNT] with 0 <= INDEX < COUNT')
@@ -98,7 +96,7 @@ sub new {
     } else {
         Carp::croak('the source must be a path, a file handle or a reference to a byte string');
     }
-    return $class->_open($handle, "$name", $bits, $on_error, $max, $fields, @$stripe);
+    return $class->_open($handle, "$name", $codec, $on_error, $max, $fields, @$stripe);
 }
 
 package quillon_event_log::Stream::Writer;
@@ -115,7 +113,7 @@ my %own_file;
 sub new {
     my ($class, $dest, %opt) = @_;
     Carp::croak('usage: quillon_event_log::Stream::Writer->new(DESTINATION, OPTIONS...)') unless defined $dest;
-    my $bits = quillon_event_log::Stream::_codec_bits(\%opt);
+    my $codec = quillon_event_log::Stream::_codec(\%opt);
     my $gzip = delete $opt{gzip};
     my $level = !$gzip ? -1 : $gzip =~ /\A[1-9]\z/ ? $gzip : 6;
     my $name = delete $opt{name};
@@ -135,7 +133,7 @@ sub new {
     } else {
         Carp::croak('the destination must be a path or a file handle');
     }
-    my $self = $class->_open($handle, "$name", $bits, $level);
+    my $self = $class->_open($handle, "$name", $codec, $level);
     $own_file{Scalar::Util::refaddr($self)} = $handle if $own;
     return $self;
 }
