@@ -18,6 +18,7 @@
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/stubs/logging.h>
 #include <google/protobuf/unknown_field_set.h>
+#include <google/protobuf/stubs/common.h>
 #include <google/protobuf/wire_format_lite.h>
 
 namespace qel {
@@ -33,6 +34,7 @@ struct Slot {
     Family family = Family::String;
     const void *ops = nullptr;  // null: no field has this number
     const char *full_name = nullptr;
+    size_t index = 0;  // the field's position in its table
 };
 
 // The field numbers come from the message's descriptor, so the .proto stays
@@ -40,12 +42,13 @@ struct Slot {
 // on the first parse.
 template <class Msg, size_t N> std::vector<Slot> slots_by_number(const FieldInfo<Msg> (&fields)[N]) {
     std::vector<Slot> slots;
-    for (const auto &f : fields) {
+    for (size_t i = 0; i < N; ++i) {
+        const FieldInfo<Msg> &f = fields[i];
         const google::protobuf::FieldDescriptor &fd = descriptor_of(f);
         const auto number = static_cast<size_t>(fd.number());
         if (slots.size() <= number)
             slots.resize(number + 1);
-        slots[number] = Slot{f.family, f.ops, fd.full_name().c_str()};
+        slots[number] = Slot{f.family, f.ops, fd.full_name().c_str(), i};
     }
     return slots;
 }
@@ -221,9 +224,152 @@ template <class Msg> bool read_message(CodedInputStream &in, Msg &m, const std::
     }
 }
 
+// ---- the common input, straight from memory ------------------------------
+//
+// Nearly every input is a clean record whose fields are all known, each with
+// its own wire type, and whose strings are UTF-8.  read_plain reads such input
+// with raw pointers, the field's operations inlined through the field switch,
+// and no stream in between.  On anything else (an unknown field, a known one
+// with another wire type, a string that is not UTF-8, a group, input cut
+// short, a sub-record that does not end at its length) it stops at once,
+// without a log line, leaving the record part-filled: parse_record then clears
+// it and reads the input again with the general reader above, which keeps,
+// logs and fails exactly as it always does.
+
+// A varint of up to 10 bytes wholly before `end`, bits past the 64th dropped
+// (as the runtime reads them); null when it runs on.
+inline const unsigned char *plain_varint(const unsigned char *p, const unsigned char *end, uint64_t &out) {
+    if (p < end && *p < 0x80) {
+        out = *p;
+        return p + 1;
+    }
+    uint64_t v = 0;
+    for (unsigned shift = 0; shift < 70 && p < end; shift += 7) {
+        const unsigned char b = *p++;
+        v |= static_cast<uint64_t>(b & 0x7f) << shift;
+        if (b < 0x80) {
+            out = v;
+            return p;
+        }
+    }
+    return nullptr;
+}
+
+// A tag of one or two bytes, as every tag of this schema is; longer ones are
+// left to the general reader.
+inline const unsigned char *plain_tag(const unsigned char *p, const unsigned char *end, uint32_t &tag) {
+    if (*p < 0x80) {
+        tag = *p;
+        return p + 1;
+    }
+    if (end - p >= 2 && p[1] < 0x80) {
+        tag = (p[0] & 0x7fu) | static_cast<uint32_t>(p[1]) << 7;
+        return p + 2;
+    }
+    return nullptr;
+}
+
+// A string value: its length, then its bytes wholly inside [p, end), UTF-8 by
+// the runtime's own test (whose failure the general reader logs).
+inline const unsigned char *plain_bytes(const unsigned char *p, const unsigned char *end, const char *&data,
+                                        size_t &len) {
+    uint64_t n;
+    if (!(p = plain_varint(p, end, n)) || n > static_cast<uint64_t>(end - p))
+        return nullptr;
+    data = reinterpret_cast<const char *>(p);
+    len = static_cast<size_t>(n);
+    if (!all_ascii(data, len) && !google::protobuf::internal::IsStructurallyValidUTF8(data, static_cast<int>(len)))
+        return nullptr;
+    return p + len;
+}
+
+// One level's fields in [p, end): each found by its number in `table`, its
+// wire type checked, its value read by `read` through the field switch
+// `with_field`.  Returns whether every field was read.
+template <class With, class Read>
+bool read_plain_fields(const unsigned char *p, const unsigned char *end, const std::vector<Slot> &table,
+                       With with_field, Read read) {
+    while (p < end) {
+        uint32_t tag;
+        if (!(p = plain_tag(p, end, tag)))
+            return false;
+        const size_t number = tag >> 3;
+        if (number >= table.size())
+            return false;
+        const Slot &slot = table[number];
+        if (!slot.ops || (tag & 7) != wire_type_of(slot.family))
+            return false;
+        with_field(slot.index, [&](size_t, auto family, const auto &ops) { p = read(p, end, family, ops); });
+        if (!p)
+            return false;
+    }
+    return true;
+}
+
+bool read_plain_address(Address &a, const unsigned char *p, const unsigned char *end) {
+    return read_plain_fields(
+        p, end, slots_of(kAddressFields), [](size_t i, auto &&fn) { with_address_field(i, fn); },
+        [&a](const unsigned char *q, const unsigned char *stop, auto family,
+             const auto &ops) -> const unsigned char * {
+            static_assert(decltype(family)::value == Family::UInt32, "an address holds uint32 fields only");
+            uint64_t v;
+            if ((q = plain_varint(q, stop, v)))
+                ops.set(a, static_cast<uint32_t>(v));  // bits past the 32nd dropped, as the runtime does
+            return q;
+        });
+}
+
+bool read_plain(Record &m, const unsigned char *p, const unsigned char *end) {
+    return read_plain_fields(
+        p, end, slots_of(kRecordFields), [](size_t i, auto &&fn) { with_record_field(i, fn); },
+        [&m](const unsigned char *q, const unsigned char *stop, auto family,
+             const auto &ops) -> const unsigned char * {
+            constexpr Family F = decltype(family)::value;
+            if constexpr (F == Family::String || F == Family::StringList) {
+                const char *data;
+                size_t len;
+                if (!(q = plain_bytes(q, stop, data, len)))
+                    return nullptr;
+                if constexpr (F == Family::String)
+                    ops.mut(m)->assign(data, len);
+                else
+                    ops.add(m)->assign(data, len);
+                return q;
+            } else if constexpr (F == Family::Address) {
+                // A later occurrence merges into the earlier one.
+                uint64_t n;
+                if (!(q = plain_varint(q, stop, n)) || n > static_cast<uint64_t>(stop - q) ||
+                    !read_plain_address(*ops.mut(m), q, q + n))
+                    return nullptr;
+                return q + n;
+            } else {
+                uint64_t v;
+                if (!(q = plain_varint(q, stop, v)))
+                    return nullptr;
+                if constexpr (F == Family::Bool)
+                    ops.set(m, v != 0);  // any non-zero varint is true
+                else if constexpr (F == Family::UInt32)
+                    ops.set(m, static_cast<uint32_t>(v));
+                else
+                    ops.set(m, v);
+                return q;
+            }
+        });
+}
+
 }  // namespace
 
 bool parse_record(Record &m, const char *bytes, size_t len) {
+    m.Clear();
+    if (len <= static_cast<size_t>(kMaxWireBytes)) {
+        const auto *p = reinterpret_cast<const unsigned char *>(bytes);
+        if (read_plain(m, p, p + len))
+            return true;
+    }
+    return parse_record_general(m, bytes, len);
+}
+
+bool parse_record_general(Record &m, const char *bytes, size_t len) {
     m.Clear();
     const auto count = static_cast<int32_t>(static_cast<uint32_t>(len));
     if (count < 0)

@@ -10,10 +10,16 @@
 // five bytes (read as its low 32 bits, like every 32-bit varint).  Every record the reader accepts writes bytes the
 // reader reads back to the same bytes.
 //
+// parse_record reads most input straight from memory and hands the rest to
+// the general reader (parse_record_general): on every input, the two give
+// the same result, the same record (also what a failed read kept) and the
+// same log lines.
+//
 // Arguments: [mutations per seed encoding] [PRNG seed]; defaults 20000 and 1.
 
 #include "wire_reader.h"
 
+#include <google/protobuf/stubs/logging.h>
 #include <google/protobuf/unknown_field_set.h>
 
 #include <cstdint>
@@ -131,6 +137,28 @@ bool has_odd_tag(const std::string &s) {
     return walk_fields(s, at, s.size(), false, true) == Walk::Odd;
 }
 
+// The record the traffic processor writes for a blocked request, as far as
+// this test needs: ASCII and other UTF-8 strings, varints of every length,
+// two-byte tags, a field given twice (the later one counts) and an address
+// given twice (the two merge).
+std::string typical_encoding() {
+    Record r;
+    r.set_bot_name("curl");
+    r.set_request_uri("/caf\xc3\xa9?q=\xe2\x82\xac");
+    r.mutable_client_ip()->set_ip3(0xcb00712d);
+    r.mutable_dest_ip()->set_ip3(0x0a000005);
+    r.mutable_dest_ip()->set_rtdom_id(2);
+    r.set_src_port(51234);
+    r.set_session_id(18446744073709551557ull);
+    r.set_request_time(1795000000);
+    r.add_anomalies("Missing Accept-Language header");
+    r.add_anomalies("Known bot User-Agent");
+    r.set_actual_mitigation_action("block");
+    r.set_is_https_request(true);
+    r.set_host("shop.example.com");
+    return r.SerializeAsString() + delimited(1, "wget") + delimited(4, tag(5, 0) + varint(7));
+}
+
 // Valid encodings to mutate: a record with every family, one with unknown
 // fields of every wire type at both levels, and a small one.
 std::vector<std::string> seed_encodings() {
@@ -163,6 +191,7 @@ std::vector<std::string> seed_encodings() {
     seeds.push_back(unknown);
 
     seeds.push_back(delimited(1, "abc") + tag(19, 0) + varint(443) + delimited(45, "q"));
+    seeds.push_back(typical_encoding());
     return seeds;
 }
 
@@ -214,12 +243,35 @@ struct Tally {
     long both = 0, neither = 0, reader_only = 0, failures = 0;
 };
 
+std::string log_lines;
+void keep_log_line(google::protobuf::LogLevel, const char *, int, const std::string &message) {
+    log_lines += message + "\n";
+}
+
+// parse_record or parse_record_general of `bytes` into `m`, with the log
+// lines it wrote.
+bool parse_logged(bool general, Record &m, const std::string &bytes, std::string &lines) {
+    log_lines.clear();
+    google::protobuf::LogHandler *before = google::protobuf::SetLogHandler(keep_log_line);
+    const bool result = general ? qel::parse_record_general(m, bytes.data(), bytes.size())
+                                : qel::parse_record(m, bytes.data(), bytes.size());
+    google::protobuf::SetLogHandler(before);
+    lines = log_lines;
+    return result;
+}
+
 bool compare(const std::string &bytes, Tally &tally) {
-    Record ours, theirs;
-    const bool ours_ok = qel::parse_record(ours, bytes.data(), bytes.size());
+    Record ours, general, theirs;
+    std::string ours_log, general_log;
+    const bool ours_ok = parse_logged(false, ours, bytes, ours_log);
+    const bool general_ok = parse_logged(true, general, bytes, general_log);
     const bool theirs_ok = theirs.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
     std::string problem;
-    if (theirs_ok && !ours_ok)
+    if (ours_ok != general_ok || ours.SerializeAsString() != general.SerializeAsString())
+        problem = "parse_record and the general reader differ";
+    else if (ours_log != general_log)
+        problem = "parse_record and the general reader log differently:\n" + ours_log + "against\n" + general_log;
+    else if (theirs_ok && !ours_ok)
         problem = "the runtime reads it, the reader refuses it";
     else if (theirs_ok && ours.SerializeAsString() != theirs.SerializeAsString())
         problem = "both read it, to different records";
