@@ -76,7 +76,6 @@ namespace {
 // which places them.
 
 using codec::put_varint;
-using codec::varint_size;
 
 // The wire view of both messages (each field's tag as written, and its full
 // name for the UTF-8 report) is the codec's: one table, built from fields.h
@@ -122,45 +121,6 @@ bool needs_runtime(const Record &m, const WireTables &t) {
     return unknown;
 }
 
-size_t address_size(const Address &a, const WireTables &t) {
-    size_t n = 0;
-    each_address_field([&](size_t j, auto, const auto &ops) {
-        if (ops.presence.has(a))
-            n += t.address.fields[j].tag_len + varint_size(ops.get(a));
-    });
-    return n;
-}
-
-inline size_t string_size(const Field &tag, const std::string &s) {
-    return tag.tag_len + varint_size(static_cast<uint32_t>(s.size())) + s.size();
-}
-
-// The encoded size of `m`, as ByteSizeLong gives it for a record without
-// unknown fields.
-size_t record_size(const Record &m, const WireTables &t) {
-    size_t n = 0;
-    each_record_field([&](size_t i, auto family, const auto &ops) {
-        constexpr Family f = decltype(family)::value;
-        const Field &tag = t.record.fields[i];
-        if constexpr (f == Family::StringList) {
-            for (int k = 0, count = ops.size(m); k < count; ++k)
-                n += string_size(tag, ops.get(m, k));
-        } else {
-            if (!ops.presence.has(m))
-                return;
-            if constexpr (f == Family::String)
-                n += string_size(tag, ops.get(m));
-            else if constexpr (f == Family::Bool)
-                n += tag.tag_len + 1;
-            else if constexpr (f == Family::Address)
-                n += tag.tag_len + 1 + address_size(ops.get(m), t);  // an address takes under 128 bytes
-            else
-                n += tag.tag_len + varint_size(ops.get(m));
-        }
-    });
-    return n;
-}
-
 // Out of line on purpose: the visitor's code per field stays a has-bit test
 // and a call, small enough to be inlined with its accessors.
 [[gnu::noinline]] char *put_string(char *p, const Field &tag, const std::string &s) {
@@ -189,7 +149,8 @@ char *put_record(char *p, const Record &m, const WireTables &t) {
             } else if constexpr (f == Family::Address) {
                 const Address &a = ops.get(m);
                 p = put_tag(p, tag);
-                *p++ = static_cast<char>(address_size(a, t));
+                // Sized by the record's ByteSizeLong; an address takes under 128 bytes.
+                *p++ = static_cast<char>(a.GetCachedSize());
                 each_address_field([&](size_t j, auto, const auto &aops) {
                     if (aops.presence.has(a))
                         p = put_varint(put_tag(p, t.address.fields[j]), aops.get(a));
@@ -213,7 +174,9 @@ SV *pack_record(pTHX_ const Record &m) {
     }
     const WireTables &tables = wire_tables();
     const bool direct = !needs_runtime(m, tables);
-    const size_t size = direct ? record_size(m, tables) : m.ByteSizeLong();
+    // The runtime's sizing skips absent fields eight at a time by their
+    // has-bits, and leaves each address's size where the writers read it.
+    const size_t size = m.ByteSizeLong();
     if (size > INT_MAX)
         return nullptr;
     if (direct && size > 0) {

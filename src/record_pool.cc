@@ -9,7 +9,7 @@ namespace qel {
 namespace {
 
 constexpr int kPoolSize = 16;
-constexpr size_t kLargestPooled = 16 * 1024;  // encoded bytes
+constexpr size_t kLargestPooled = 64 * 1024;  // encoded bytes
 
 struct Pool {
     Record *records[kPoolSize];

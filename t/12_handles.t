@@ -498,7 +498,7 @@ print "parent:", $r->bot_name, ",", $a->ip0, "\n";
 PERL
     [ 'objects reblessed into a class without DESTROY are freed all the same' => <<'PERL', "records:freed\naddresses:freed\n" ],
 sub rss { open my $fh, '<', '/proc/self/status' or die "no /proc/self/status: $!"; while (<$fh>) { return $1 if /^VmRSS:\s+(\d+)/ } die "no VmRSS\n" }
-my $big = 'x' x 20000;    # above what the record pool keeps: each record is deleted
+my $big = 'x' x 70000;    # above what the record pool keeps: each record is deleted
 for my $round (1, 2) {
     my $start;
     for my $i (1 .. 4000) {
