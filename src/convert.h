@@ -41,18 +41,27 @@ template <> inline uint32_t sv_to_value<uint32_t>(pTHX_ SV *sv) {
     return static_cast<uint32_t>(SvUV(sv));
 }
 
-// Plain decimal text of 1 to 19 digits, the common form of a uint64 value,
-// read without strtoull: it cannot overflow, so the result is strtoull's.
-// False for anything else, a leading zero included (octal for strtoull).
+// Plain decimal text of 1 to 20 digits, the common form of a uint64 value,
+// read without strtoull, with strtoull's result: twenty digits past the range
+// saturate, as strtoull does.  False for anything else, a leading zero
+// included (octal for strtoull).
 inline bool plain_decimal(const char *s, size_t len, uint64_t &out) {
-    if (len == 0 || len > 19 || (s[0] == '0' && len > 1))
+    if (len == 0 || len > 20 || (s[0] == '0' && len > 1))
         return false;
     uint64_t n = 0;
-    for (size_t i = 0; i < len; ++i) {
+    const size_t safe = len < 19 ? len : 19;  // 19 digits cannot overflow
+    for (size_t i = 0; i < safe; ++i) {
         const unsigned d = static_cast<unsigned char>(s[i]) - '0';
         if (d > 9)
             return false;
         n = n * 10 + d;
+    }
+    if (len == 20) {
+        const unsigned d = static_cast<unsigned char>(s[19]) - '0';
+        if (d > 9)
+            return false;
+        constexpr uint64_t kMax = UINT64_MAX;
+        n = n > (kMax - d) / 10 ? kMax : n * 10 + d;
     }
     out = n;
     return true;

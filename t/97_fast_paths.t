@@ -121,6 +121,27 @@ for my $round (1 .. 400) {
 }
 is $differ, 0, "$records records of every family and size: pack writes the codec's bytes";
 
+# ---- uint64 decimal text of twenty digits --------------------------------------
+
+# Read without strtoull, with its result: the value, or 2**64-1 past the range;
+# the expected values are worked out with Math::BigInt.
+{
+    require Math::BigInt;
+    my $max = Math::BigInt->new(2)->bpow(64)->bsub(1);
+    my @texts = ('10000000000000000000', '18446744073709551557', '18446744073709551614', '18446744073709551615',
+                 '18446744073709551616', '18446744073709551619', '18446744073709551620', '18446744073709551700',
+                 '19999999999999999999', '99999999999999999999', '1844674407370955161x', '184467440737095516150');
+    for my $text (@texts) {
+        my ($digits) = $text =~ /^(\d+)/;
+        my $n = Math::BigInt->new($digits);
+        my $want = ($n->bcmp($max) > 0 ? $max : $n)->bstr;
+        my $r = $CLASS->new({ session_id => $text });
+        is $r->session_id, $want, "uint64 from \"$text\" through new(\\%h)";
+        $r->set_session_id($text);
+        is $r->session_id, $want, '... and through the setter';
+    }
+}
+
 # ---- new(\%h): the hash read by its own entries ----------------------------------
 
 # Conversions with and without the fast paths give what the setters give.
