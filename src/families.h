@@ -169,16 +169,6 @@ template <class Fn> inline void with_record_field(size_t index, Fn &&fn) {
     }
 }
 
-template <class Fn> inline void with_address_field(size_t index, Fn &&fn) {
-    switch (index) {
-#define QEL_CASE_ADDRESS(f, family) \
-    case kAddressField_##f: fn(kAddressField_##f, FamilyTag<Family::family>{}, address_ops::f); break;
-        QEL_ADDRESS_FIELDS(QEL_CASE_ADDRESS)
-#undef QEL_CASE_ADDRESS
-    default: break;
-    }
-}
-
 // The wire type a field of `family` is written with: varint (0) for numbers
 // and flags, length-delimited (2) for strings, addresses and list elements.
 constexpr unsigned wire_type_of(Family family) {

@@ -306,12 +306,20 @@ bool read_plain_fields(const unsigned char *p, const unsigned char *end, const s
     return true;
 }
 
+// Every address field is a uint32, so the address needs no field switch.
+#define QEL_ADDRESS_FIELD_IS_UINT32(f, family) \
+    static_assert(Family::family == Family::UInt32, "address field " #f " is not a uint32");
+QEL_ADDRESS_FIELDS(QEL_ADDRESS_FIELD_IS_UINT32)
+#undef QEL_ADDRESS_FIELD_IS_UINT32
+
 bool read_plain_address(Address &a, const unsigned char *p, const unsigned char *end) {
     return read_plain_fields(
-        p, end, slots_of(kAddressFields), [](size_t i, auto &&fn) { with_address_field(i, fn); },
-        [&a](const unsigned char *q, const unsigned char *stop, auto family,
+        p, end, slots_of(kAddressFields),
+        [](size_t i, auto &&fn) {
+            fn(i, FamilyTag<Family::UInt32>{}, ops_of<UInt32Field<Address>>(kAddressFields[i]));
+        },
+        [&a](const unsigned char *q, const unsigned char *stop, auto,
              const auto &ops) -> const unsigned char * {
-            static_assert(decltype(family)::value == Family::UInt32, "an address holds uint32 fields only");
             uint64_t v;
             if ((q = plain_varint(q, stop, v)))
                 ops.set(a, static_cast<uint32_t>(v));  // bits past the 32nd dropped, as the runtime does
