@@ -1189,12 +1189,13 @@ returned points into a record.
 
 =head2 The record pool
 
-A freed record whose encoding is at most 16 KiB is cleared and kept, up to
+A freed record whose encoding is at most 64 KiB is cleared and kept, up to
 16 per thread, and the next C<new> of that thread starts from it: its
 strings, addresses and list elements are refilled in place instead of being
 allocated again. Nothing of its content survives the clearing, so this is
-invisible except in speed and in the few kilobytes the kept records hold. A
-thread frees its pool when it ends.
+invisible except in speed and in the memory the kept records hold (a few
+kilobytes for common records, at most about a megabyte per thread). A thread
+frees its pool when it ends.
 
 =head2 The output stream
 
