@@ -1194,8 +1194,7 @@ A freed record whose encoding is at most 64 KiB is cleared and kept, up to
 strings, addresses and list elements are refilled in place instead of being
 allocated again. Nothing of its content survives the clearing, so this is
 invisible except in speed and in the memory the kept records hold (a few
-kilobytes for common records, at most about a megabyte per thread). A thread
-frees its pool when it ends.
+kilobytes for common records). A thread frees its pool when it ends.
 
 =head2 The output stream
 
