@@ -163,18 +163,6 @@ template <class Ops> bool fill_list(pTHX_ const Ops &f, Record &m, AV *av) {
     return quiet;
 }
 
-// The value of a present scalar field as a new scalar, or null when absent.
-template <class Ops, class Msg> SV *present_value(pTHX_ const FieldInfo<Msg> &fi, const Msg &m) {
-    const auto &f = ops_of<Ops>(fi);
-    return f.presence.has(m) ? value_to_sv(aTHX_ f.get(m)) : nullptr;
-}
-
-// Sets a number or flag field from a Perl value, converted as its setter does.
-template <class Ops, class Msg> void set_value(pTHX_ const FieldInfo<Msg> &fi, Msg &m, SV *value) {
-    const auto &f = ops_of<Ops>(fi);
-    f.set(m, sv_to_value<decltype(f.get(m))>(aTHX_ value));
-}
-
 }  // namespace
 
 void init_hash_keys(pTHX) {
@@ -189,10 +177,10 @@ namespace {
 
 HV *address_to_hash(pTHX_ const Address &a, const my_cxt_t &keys) {
     HV *hv = newHV();
-    for (size_t i = 0; i < kAddressFieldCount; ++i) {
-        if (SV *value = present_value<UInt32Field<Address>>(aTHX_ kAddressFields[i], a))
-            store_shared(aTHX_ hv, keys.address[i], value);
-    }
+    each_address_field([&](size_t i, auto, const auto &ops) {
+        if (ops.presence.has(a))
+            store_shared(aTHX_ hv, keys.address[i], value_to_sv(aTHX_ ops.get(a)));
+    });
     return hv;
 }
 
@@ -246,7 +234,8 @@ bool fill_address_quietly(pTHX_ Address &a, HV *hv) {
         const auto &fi = kAddressFields[i];
         if (SV *value = fetch_key(aTHX_ hv, fi.name, fi.len, address_key_hash[i])) {
             quiet = quiet && reads_quietly_as_number(value);
-            set_value<UInt32Field<Address>>(aTHX_ fi, a, fetched_once(aTHX_ value));
+            const auto &f = ops_of<UInt32Field<Address>>(fi);
+            f.set(a, sv_to_value<uint32_t>(aTHX_ fetched_once(aTHX_ value)));
         }
     }
     return quiet;
