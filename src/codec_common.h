@@ -1,9 +1,9 @@
 // Shared ground of the codec's two directions (codec_encode.cc,
 // codec_decode.cc) and its XSUBs (codec.cc): the option bits, the field
 // tables as the wire sees them (numbers and tags from the descriptor), the
-// bounds-checked wire primitives that report where and why input is
-// malformed, UTF-8 classification, and the texts that describe Perl values in
-// error messages.  Nothing here owns memory with a destructor, so any of it
+// skipping of unknown values and the text of a wire fault (the primitives
+// themselves are in wire_format.h), UTF-8 classification, and the texts that
+// describe Perl values in error messages.  Nothing here owns memory with a destructor, so any of it
 // may sit in a frame that croaks.
 #ifndef QEL_CODEC_COMMON_H
 #define QEL_CODEC_COMMON_H
@@ -15,9 +15,25 @@
 #include "binding.h"
 #include "codec_texts.h"
 #include "families.h"
+#include "wire_format.h"
 
 namespace qel {
 namespace codec {
+
+// The wire primitives (wire_format.h), which the record class's reader shares.
+using wire::fail;
+using wire::kEndGroup;
+using wire::kFixed32;
+using wire::kFixed64;
+using wire::kLengthDelimited;
+using wire::kStartGroup;
+using wire::kVarint;
+using wire::put_varint;
+using wire::read_tag;
+using wire::read_varint;
+using wire::Reason;
+using wire::varint_size;
+using wire::WireError;
 
 // The option bits a codec object holds (its referent is this number).
 enum : unsigned {
@@ -26,8 +42,6 @@ enum : unsigned {
     kDropUnknown = 4u,     // unknown fields are left out / `_unknown` ignored
     kAllOptions = 7u,
 };
-
-enum : unsigned { kVarint = 0, kFixed64 = 1, kLengthDelimited = 2, kStartGroup = 3, kEndGroup = 4, kFixed32 = 5 };
 
 // The most levels of sub-records and groups the wire data may nest, as the
 // protobuf runtime's default recursion limit.
@@ -87,74 +101,8 @@ extern U32 unknown_key_hash;
 
 void init_codec_tables(pTHX);
 
-// ---- wire primitives -------------------------------------------------------
-
-enum class Reason : unsigned char {
-    TruncatedVarint,
-    VarintTooLong,
-    FieldNumberZero,
-    TagTooLong,
-    WireType,
-    LengthPastEnd,
-    TruncatedFixed32,
-    TruncatedFixed64,
-    EndGroupWithoutStart,
-    GroupNotClosed,
-    TooDeep,
-};
-
-// Where and why wire data is malformed.  The field of the reason is its
-// number, its name when the number is a field of the level it sits at, and
-// the address it sits in, if any.
-struct WireError {
-    const unsigned char *at;
-    Reason reason;
-    uint32_t number;
-    const char *name;
-    const char *context;
-    unsigned wire_type;
-};
-
 // The reason as text, in a new mortal scalar.
 SV *reason_text(pTHX_ const WireError &e);
-
-inline const unsigned char *fail(WireError &e, const unsigned char *at, Reason r, uint32_t number = 0,
-                                 const char *name = nullptr, const char *context = nullptr) {
-    e.at = at;
-    e.reason = r;
-    e.number = number;
-    e.name = name;
-    e.context = context;
-    return nullptr;
-}
-
-const unsigned char *read_varint_slow(const unsigned char *p, const unsigned char *end, uint64_t &out,
-                                      WireError &e);
-
-// A varint of up to 10 bytes (bits past the 64th are dropped, as the runtime
-// does); null and `e` set when it is cut off or longer.
-inline const unsigned char *read_varint(const unsigned char *p, const unsigned char *end, uint64_t &out,
-                                        WireError &e) {
-    if (p < end && *p < 0x80) {
-        out = *p;
-        return p + 1;
-    }
-    return read_varint_slow(p, end, out, e);
-}
-
-const unsigned char *read_tag_slow(const unsigned char *p, const unsigned char *end, uint32_t &tag,
-                                   WireError &e);
-
-// A tag: at most 5 bytes and 32 bits, a field number other than 0, a wire
-// type other than 6 and 7.  `p` < `end`.
-inline const unsigned char *read_tag(const unsigned char *p, const unsigned char *end, uint32_t &tag,
-                                     WireError &e) {
-    if (*p < 0x80 && *p >= 8 && (*p & 7) < 6) {
-        tag = *p;
-        return p + 1;
-    }
-    return read_tag_slow(p, end, tag, e);
-}
 
 // Skips the value of a field whose tag (at `at`) was read, `p` pointing past
 // the tag; groups are read to their end tag, each one level deeper than
@@ -164,24 +112,6 @@ inline const unsigned char *read_tag(const unsigned char *p, const unsigned char
 const unsigned char *skip_value(const unsigned char *at, const unsigned char *p, const unsigned char *end,
                                 uint32_t tag, const Level *level, const char *context, int depth,
                                 WireError &e);
-
-inline char *put_varint(char *p, uint64_t v) {
-    while (v >= 0x80) {
-        *p++ = static_cast<char>(v | 0x80);
-        v >>= 7;
-    }
-    *p++ = static_cast<char>(v);
-    return p;
-}
-
-inline size_t varint_size(uint64_t v) {
-    size_t n = 1;
-    while (v >= 0x80) {
-        v >>= 7;
-        ++n;
-    }
-    return n;
-}
 
 // ---- UTF-8 -------------------------------------------------------------------
 

@@ -104,7 +104,7 @@ const WireTables &wire_tables() {
 }
 
 inline char *put_tag(char *p, const Field &f) {
-    std::memcpy(p, f.tag, 5);  // the buffer always has room for 5 (see pack_direct)
+    std::memcpy(p, f.tag, 5);  // the buffer always has room for 5 (see pack_record)
     return p + f.tag_len;
 }
 

@@ -21,6 +21,8 @@
 #include <google/protobuf/stubs/common.h>
 #include <google/protobuf/wire_format_lite.h>
 
+#include "wire_format.h"
+
 namespace qel {
 namespace {
 
@@ -236,37 +238,15 @@ template <class Msg> bool read_message(CodedInputStream &in, Msg &m, const std::
 // it and reads the input again with the general reader above, which keeps,
 // logs and fails exactly as it always does.
 
-// A varint of up to 10 bytes wholly before `end`, bits past the 64th dropped
-// (as the runtime reads them); null when it runs on.
+// The wire format's own primitives (wire_format.h); a fault's reason is not
+// needed here, the general reader reads such input again.
 inline const unsigned char *plain_varint(const unsigned char *p, const unsigned char *end, uint64_t &out) {
-    if (p < end && *p < 0x80) {
-        out = *p;
-        return p + 1;
-    }
-    uint64_t v = 0;
-    for (unsigned shift = 0; shift < 70 && p < end; shift += 7) {
-        const unsigned char b = *p++;
-        v |= static_cast<uint64_t>(b & 0x7f) << shift;
-        if (b < 0x80) {
-            out = v;
-            return p;
-        }
-    }
-    return nullptr;
+    wire::WireError ignored;
+    return wire::read_varint(p, end, out, ignored);
 }
-
-// A tag of one or two bytes, as every tag of this schema is; longer ones are
-// left to the general reader.
 inline const unsigned char *plain_tag(const unsigned char *p, const unsigned char *end, uint32_t &tag) {
-    if (*p < 0x80) {
-        tag = *p;
-        return p + 1;
-    }
-    if (end - p >= 2 && p[1] < 0x80) {
-        tag = (p[0] & 0x7fu) | static_cast<uint32_t>(p[1]) << 7;
-        return p + 2;
-    }
-    return nullptr;
+    wire::WireError ignored;
+    return wire::read_tag(p, end, tag, ignored);
 }
 
 // A string value: its length, then its bytes wholly inside [p, end), UTF-8 by

@@ -18,7 +18,7 @@ use QelTest qw(build_cpp_ok relay_tap perl_embed_flags);
 my ($ccopts, $ldopts) = perl_embed_flags();
 my ($dir, $bin) = build_cpp_ok('t/cpp/output_stream.cc',
     # the writer takes its tags from the codec's field table
-    objects => [map { "src/$_.o" } qw(output_stream codec_common field_table hash_form)],
+    objects => [map { "src/$_.o" } qw(output_stream codec_common wire_format field_table hash_form)],
     cflags => $ccopts, ldflags => $ldopts);
 relay_tap($bin, dir => $dir, valgrind => $ENV{QEL_VALGRIND},
     expected_stderr => "the runtime's reports of invalid UTF-8 and the crashes of the TODO checks' child processes",

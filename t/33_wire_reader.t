@@ -13,7 +13,7 @@ use QelTest qw(:all);
 my $CLASS = 'quillon_event_log::QuillonEventLog';
 require quillon_event_log::QuillonEventLog;
 
-my ($dir, $bin) = build_cpp_ok('t/cpp/wire_reader.cc', objects => ['src/wire_reader.o', 'src/field_table.o']);
+my ($dir, $bin) = build_cpp_ok('t/cpp/wire_reader.cc', objects => ['src/wire_reader.o', 'src/wire_format.o', 'src/field_table.o']);
 relay_tap($bin, dir => $dir, args => [$ENV{QEL_WIRE_MUTATIONS} || 20000, $ENV{QEL_WIRE_SEED} || 1]);
 
 # The same rules as Perl sees them.
