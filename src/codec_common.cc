@@ -316,12 +316,7 @@ const char *nearest_name(const char *key, size_t len, const Level &level) {
 }
 
 bool is_known_key(const char *key, size_t len, const Level &level) {
-    if (len == kUnknownKeyLen && std::memcmp(key, kUnknownKey, len) == 0)
-        return true;
-    for (size_t i = 0; i < level.count; ++i)
-        if (level.fields[i].len == len && std::memcmp(level.fields[i].name, key, len) == 0)
-            return true;
-    return false;
+    return (len == kUnknownKeyLen && std::memcmp(key, kUnknownKey, len) == 0) || level.find_name(key, len);
 }
 
 }  // namespace codec

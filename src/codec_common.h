@@ -81,6 +81,14 @@ struct Level {
         const unsigned i = by_number[number];
         return i ? &fields[i - 1] : nullptr;
     }
+
+    // The field named by the `len` bytes at `key`, or null.
+    const Field *find_name(const char *key, size_t len) const {
+        for (size_t i = 0; i < count; ++i)
+            if (fields[i].len == len && std::memcmp(fields[i].name, key, len) == 0)
+                return &fields[i];
+        return nullptr;
+    }
 };
 
 #define QEL_COUNT_ADDRESS_FIELD(f, family) +(Family::family == Family::Address)

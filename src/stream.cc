@@ -572,14 +572,12 @@ XS_INTERNAL(xs_reader_open) {
         const codec::Level &level = *codec::levels().record;
         for (SSize_t k = 0; k <= av_len(names); ++k) {
             SV **name = av_fetch(names, k, 0);
-            STRLEN len;
+            STRLEN len = 0;
             const char *text = name ? SvPV(*name, len) : "";
-            size_t i = 0;
-            while (i < level.count && !(level.fields[i].len == (name ? len : 0) &&
-                                        std::memcmp(level.fields[i].name, text, level.fields[i].len) == 0))
-                ++i;
-            if (i == level.count)
+            const codec::Field *f = level.find_name(text, len);
+            if (!f)
                 croak("unknown field \"%s\"", text);
+            const size_t i = static_cast<size_t>(f - level.fields);
             only[i / 64] |= uint64_t(1) << (i % 64);
         }
         options |= codec::kDropUnknown;  // unknown fields go with the fields not asked for
