@@ -1,6 +1,6 @@
 // The codec's tables, built once from the field tables and the descriptor,
-// its wire primitives' slow paths, UTF-8 classification, and the texts that
-// describe values and key paths in its error messages.
+// the skipping of values it does not keep, UTF-8 classification, and the texts
+// that describe values and key paths in its error messages.
 #include "codec_common.h"
 
 #include <google/protobuf/descriptor.h>
@@ -63,7 +63,7 @@ const Levels &levels() {
 
 void init_codec_tables(pTHX) { PERL_HASH(unknown_key_hash, kUnknownKey, kUnknownKeyLen); }
 
-// ---- wire primitives -----------------------------------------------------------
+// ---- skipping values -----------------------------------------------------------
 
 const unsigned char *skip_value(const unsigned char *at, const unsigned char *p, const unsigned char *end,
                                 uint32_t tag, const Level *level, const char *context, int depth,
