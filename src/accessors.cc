@@ -81,7 +81,7 @@ template <class Msg> XS_INTERNAL(xs_string_set) {
         bytes = SvPV(ST(1), len), m = message_from_handle<Msg>(aTHX_ ST(0));
     if (!m)
         croak("%s", Binding<Msg>::kEmpty);
-    field_ops<StringField<Msg>>(cv).mut(*m)->assign(bytes, len);
+    set_bytes(field_ops<StringField<Msg>>(cv).mut(*m), bytes, len);
     XSRETURN_EMPTY;
 }
 
@@ -184,7 +184,7 @@ XS_INTERNAL(xs_list_add) {
         bytes = SvPV(ST(1), len), m = record_from_handle(aTHX_ ST(0));
     if (!m)
         croak("%s", kEmptyRecord);
-    field_ops<StringListField>(cv).add(*m)->assign(bytes, len);
+    set_bytes(field_ops<StringListField>(cv).add(*m), bytes, len);
     XSRETURN_EMPTY;
 }
 

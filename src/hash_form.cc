@@ -158,7 +158,7 @@ template <class Ops> bool fill_list(pTHX_ const Ops &f, Record &m, AV *av) {
         quiet = quiet && reads_quietly_as_text(*elem);
         STRLEN len;  // SvPV fetches a tied element once
         const char *bytes = SvPV(*elem, len);
-        f.add(m)->assign(bytes, len);
+        set_bytes(f.add(m), bytes, len);
     }
     return quiet;
 }
@@ -268,7 +268,7 @@ struct SetField {
         if constexpr (F == Family::String) {
             STRLEN len;
             const char *bytes = SvPV(v, len);
-            ops.mut(m)->assign(bytes, len);
+            set_bytes(ops.mut(m), bytes, len);
         } else if constexpr (F == Family::UInt32) {
             ops.set(m, sv_to_value<uint32_t>(aTHX_ v));
         } else if constexpr (F == Family::UInt64) {

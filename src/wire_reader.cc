@@ -72,7 +72,7 @@ bool read_bytes(CodedInputStream &in, std::string *s) {
     int available;
     in.GetDirectBufferPointerInline(&data, &available);
     if (length <= static_cast<uint32_t>(available)) {
-        s->assign(static_cast<const char *>(data), length);
+        set_bytes(s, static_cast<const char *>(data), length);
         return in.Skip(static_cast<int>(length));
     }
     return in.ReadString(s, static_cast<int>(length));
@@ -319,9 +319,9 @@ bool read_plain(Record &m, const unsigned char *p, const unsigned char *end) {
                 if (!(q = plain_bytes(q, stop, data, len)))
                     return nullptr;
                 if constexpr (F == Family::String)
-                    ops.mut(m)->assign(data, len);
+                    set_bytes(ops.mut(m), data, len);
                 else
-                    ops.add(m)->assign(data, len);
+                    set_bytes(ops.add(m), data, len);
                 return q;
             } else if constexpr (F == Family::Address) {
                 // A later occurrence merges into the earlier one.

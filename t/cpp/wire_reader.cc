@@ -17,6 +17,7 @@
 //
 // Arguments: [mutations per seed encoding] [PRNG seed]; defaults 20000 and 1.
 
+#include "wire_format.h"
 #include "wire_reader.h"
 
 #include <google/protobuf/stubs/logging.h>
@@ -318,6 +319,81 @@ bool reads(const std::string &bytes, std::string *written = nullptr) {
 
 }  // namespace
 
+// The varint reader against the definition, byte by byte: every length from
+// one to eleven bytes, cut short at every byte, with 0 to 12 bytes after it
+// (whether the reader has a word's or ten bytes' room decides its route),
+// and random bytes.  Same end, same value, same fault and fault position.
+struct VarintTally {
+    long inputs = 0;
+    long failures = 0;
+};
+
+void compare_varint(const std::string &s, VarintTally &t) {
+    ++t.inputs;
+    const auto *begin = reinterpret_cast<const unsigned char *>(s.data());
+    const auto *end = begin + s.size();
+    // The definition: up to ten bytes of 7 bits each, low group first; bits
+    // past the 64th are dropped; an eleventh byte or the end is a fault.
+    uint64_t want = 0;
+    size_t want_len = 0;
+    qel::wire::Reason want_reason = qel::wire::Reason::TruncatedVarint;
+    for (size_t i = 0;; ++i) {
+        if (i == 10) {
+            want_reason = qel::wire::Reason::VarintTooLong;
+            break;
+        }
+        if (i == s.size())
+            break;
+        const auto b = static_cast<unsigned char>(s[i]);
+        if (i < 10)
+            want |= i * 7 < 64 ? static_cast<uint64_t>(b & 0x7F) << (i * 7) : 0;
+        if (!(b & 0x80)) {
+            want_len = i + 1;
+            break;
+        }
+    }
+    uint64_t got = 0;
+    qel::wire::WireError e{};
+    const unsigned char *q = qel::wire::read_varint(begin, end, got, e);
+    bool same;
+    if (want_len)
+        same = q == begin + want_len && got == want;
+    else
+        same = !q && e.at == begin && e.reason == want_reason;
+    if (!same && ++t.failures <= 5)
+        diag("varint " + hex(s) + ": read " + (q ? std::to_string(q - begin) + " bytes, " + std::to_string(got)
+                                                 : "a fault " + std::to_string(static_cast<int>(e.reason))));
+}
+
+void check_varints(Random &rnd) {
+    VarintTally t;
+    for (size_t len = 1; len <= 11; ++len)
+        for (int round = 0; round < 200; ++round) {
+            std::string v;
+            for (size_t i = 0; i < len; ++i) {
+                auto b = static_cast<unsigned char>(rnd.next());
+                b = i + 1 < len ? (b | 0x80) : (b & 0x7F);
+                v.push_back(static_cast<char>(b));
+            }
+            for (size_t after = 0; after <= 12; ++after) {
+                std::string tail;
+                for (size_t i = 0; i < after; ++i)
+                    tail.push_back(static_cast<char>(rnd.next()));
+                compare_varint(v + tail, t);
+                for (size_t cut = 0; cut < len; ++cut)
+                    compare_varint(v.substr(0, cut), t);
+            }
+        }
+    for (int round = 0; round < 100000; ++round) {
+        std::string s;
+        for (size_t i = 0, n = rnd.below(15); i < n; ++i)
+            s.push_back(static_cast<char>(rnd.next() | (rnd.below(4) ? 0x80 : 0)));
+        compare_varint(s, t);
+    }
+    if (!ok(t.failures == 0, "read_varint agrees with the definition on " + std::to_string(t.inputs) + " inputs"))
+        diag(std::to_string(t.failures) + " disagreements");
+}
+
 int main(int argc, char **argv) {
     const long per_seed = argc > 1 ? std::atol(argv[1]) : 20000;
     Random rnd{argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 1};
@@ -362,6 +438,8 @@ int main(int argc, char **argv) {
         ok(reads(at_limit), "an input of exactly 64 MiB is read");
         ok(!reads(at_limit + tag(19, 0) + varint(1)), "an input of 64 MiB and 3 bytes fails");
     }
+
+    check_varints(rnd);
 
     // ---- mutations of valid encodings -----------------------------------------
     Tally tally;
