@@ -477,7 +477,7 @@ else {
     my %net;
     my $loop = $times{'typical loop'};
     for my $id (qw(string-getter empty-xsub-method empty-perl-method)) {
-        my $t = $times{"typical $id"};
+        my $t = $times{"typical $id"} || [];    # [] when --only left the case out
         $net{$id} = [map { $t->[$_] - $loop->[$_] } 0 .. $#$t];
     }
     my $per_round = sub { my ($num, $den) = @_; median(map { $net{$num}[$_] / $net{$den}[$_] } 0 .. $#{ $net{$num} }) };

@@ -57,7 +57,11 @@ our %small = (
     actual_mitigation_action => 'block',
 );
 our %large = (%typical, http_request => $typical{http_request} . ('x' x (16 * 1024)));
-# The median of a list of numbers (the mean of the middle two for an even count).
-sub median { my @s = sort { $a <=> $b } @_; @s % 2 ? $s[$#s / 2] : ($s[@s / 2 - 1] + $s[@s / 2]) / 2 }
+# The median of a list of numbers (the mean of the middle two for an even
+# count); undef for no numbers, a case that did not run.
+sub median {
+    my @s = sort { $a <=> $b } @_ or return undef;
+    @s % 2 ? $s[$#s / 2] : ($s[@s / 2 - 1] + $s[@s / 2]) / 2;
+}
 
 1;
