@@ -1,9 +1,13 @@
 // The zero-copy output stream that lets the protobuf serialiser write straight
-// into the buffer of a Perl string, and pack_record(), its one user.
+// into the buffer of a Perl string, pack_record(), its one user, and the
+// record writer of the stream writer.
 #ifndef QEL_OUTPUT_STREAM_H
 #define QEL_OUTPUT_STREAM_H
 
+#include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream.h>
+
+#include <string>
 
 #include "binding.h"
 
@@ -40,6 +44,14 @@ class OutputStream final : public google::protobuf::io::ZeroCopyOutputStream {
 // when the record is too large for the wire format.  An empty record gives 16
 // zero bytes on purpose: existing readers expect that form of "no fields".
 SV *pack_record(pTHX_ const Record &m);
+
+// Writes the encoding of `m` to `out`, its ByteSizeLong() of `size` bytes
+// having just been taken.  A record the direct writer can take, of 256 bytes
+// to 64 KiB, is written into `scratch` (kept by the caller from one record to the
+// next) and from there in one raw write; any other, by the runtime's
+// serialiser.  The bytes and any runtime log lines are the same either way.
+void serialise_record(google::protobuf::io::CodedOutputStream &out, const Record &m, size_t size,
+                      std::string &scratch);
 
 }  // namespace qel
 

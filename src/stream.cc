@@ -12,6 +12,7 @@
 
 #include "codec.h"
 #include "codec_common.h"
+#include "output_stream.h"
 #include "runtime_log.h"
 
 namespace qel {
@@ -699,7 +700,7 @@ XS_INTERNAL(xs_write_record) {
         croak(kRecordTooLong, static_cast<UV>(size));
     Writer &w = open_writer(aTHX_ ST(0));
     w.coded->WriteVarint32(static_cast<uint32_t>(size));
-    m->SerializeWithCachedSizes(w.coded.get());
+    serialise_record(*w.coded, *m, size, w.scratch);
     flush_runtime_log(aTHX);
     if (w.coded->HadError())
         write_failed(aTHX_ w);

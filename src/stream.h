@@ -7,6 +7,7 @@
 #define QEL_STREAM_H
 
 #include <memory>
+#include <string>
 
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/gzip_stream.h>
@@ -159,6 +160,7 @@ class Writer {
     SV *name;
     unsigned options;
     UV count = 0;        // records written
+    std::string scratch; // write_record's encoding of the record being written
     bool finished = false;
 };
 

@@ -4,7 +4,7 @@ use strict;
 use warnings;
 use Test::More;
 use lib 't/lib';
-use QelTest qw(varint framed);
+use QelTest qw(varint framed encode_ref record_hash_of_length unknown_field_samples unhex run_perl);
 use File::Temp qw(tempdir);
 
 use quillon_event_log::Stream;
@@ -44,6 +44,68 @@ subtest 'writer: the three ways to write, exact bytes' => sub {
     is $w2->name, 'handle', 'default name of a handle';
     eval { $w2->write_bytes('x') };
     like $@, qr/\Athe writer is closed at /, 'a closed writer takes no more';
+};
+
+# write_record writes small records with the runtime's serialiser and others
+# through the direct writer: the bytes must not tell which.
+subtest 'write_record: the true encoding at every size, unknown fields kept' => sub {
+    my (@want, @records);
+    for my $len (2 .. 40, 250 .. 262, 900, 4000, 65530 .. 65540, 70000) {
+        for my $shape ('string', 'mixed') {
+            my $h = record_hash_of_length($len, $shape);
+            push @records, $CLASS->new($h);
+            push @want, encode_ref($h);
+        }
+    }
+    my $typical = record_hash_of_length(300, 'mixed');
+    for my $sample (unknown_field_samples()) {
+        my $bytes = encode_ref($typical) . unhex($sample->[1]);
+        push @records, $CLASS->new($bytes);
+        push @want, $bytes;
+        my $in_address = encode_ref({ %$typical, client_ip => {} });
+        $in_address =~ /\x22\x00/ or die 'no empty client_ip in the encoding';
+        my $address = "\x22" . chr(length unhex($sample->[1])) . unhex($sample->[1]);
+        (my $bytes2 = $in_address) =~ s/\x22\x00/$address/;
+        push @records, $CLASS->new($bytes2);
+        push @want, $bytes2;
+    }
+    my $buf = '';
+    open my $fh, '>', \$buf or die;
+    my $w = quillon_event_log::Stream::Writer->new($fh);
+    $w->write_record($_) for @records;
+    $w->close;
+    is $w->count, scalar @records, scalar(@records) . ' records written';
+    my $ok = 1;
+    my $at = 0;
+    for my $i (0 .. $#want) {
+        my $frame = framed($want[$i]);
+        next if substr($buf, $at, length $frame) eq $frame && ($at += length $frame);
+        $ok = 0;
+        diag "record $i (" . length($want[$i]) . " bytes) differs at offset $at";
+        last;
+    }
+    ok $ok && $at == length $buf, 'each is its reference encoding, framed, and nothing else';
+};
+
+subtest 'write_record: a string that is not UTF-8 is logged once, as by pack' => sub {
+    for my $len (60, 600) {
+        my ($status, $out) = run_perl(<<"PERL");
+use quillon_event_log::QuillonEventLog; use quillon_event_log::Stream;
+my \$r = quillon_event_log::QuillonEventLog->new({ host => 'h' x $len, reason => "\\xff\\xfe" });
+my \$buf = '';
+open my \$fh, '>', \\\$buf or die;
+my \$w = quillon_event_log::Stream::Writer->new(\$fh);
+print STDERR "write_record\\n";
+\$w->write_record(\$r);
+\$w->close;
+print STDERR "pack\\n";
+my \$p = \$r->pack;
+print STDERR substr(\$buf, length(\$buf) - length(\$p)) eq \$p ? "same bytes\\n" : "other bytes\\n";
+PERL
+        my $line = qr/\[libprotobuf ERROR google\/protobuf\/wire_format_lite\.cc:\d+\] String field 'quillon_event_log\.QuillonEventLog\.reason' contains invalid UTF-8 data when serializing a protocol buffer\. Use the 'bytes' type if you intend to send raw bytes\. \n/;
+        is $status, 0, "host of $len bytes: exit status 0";
+        like $out, qr/\Awrite_record\n${line}pack\n${line}same bytes\n\z/, "host of $len bytes: one line each, the same bytes";
+    }
 };
 
 subtest 'reader: hashes, objects and bytes, with index and offset' => sub {
