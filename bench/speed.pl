@@ -103,16 +103,16 @@ my %HASH_OF = ((map { $_->[0] => $_->[1] } @SHAPES), (map { $_->[0] => $_->[1] }
 # (the call's index) in scope.  Every body assigns its result to $x, so no
 # route can skip work that a caller in void context would not need.
 my %PATH = (
-    'class-encode'   => ['', '$x = $C->new($h)->pack;'],
-    'new-hash'       => ['', '$x = $C->new($h);'],
-    'new-hash-kept'  => ['my @k; $#k = $n - 1;', '$k[$i] = $C->new($h);', '@k = ();'],
-    'pack'           => ['my $o = $C->new($h);', '$x = $o->pack;'],
-    'destroy-hash'   => ['my @k = map { $C->new($h) } 1 .. $n;', 'undef $k[$i];'],
-    'class-decode'   => ['', '$x = $C->new($b)->to_hashref;'],
-    'new-bytes'      => ['', '$x = $C->new($b);'],
-    'new-bytes-kept' => ['my @k; $#k = $n - 1;', '$k[$i] = $C->new($b);', '@k = ();'],
-    'to_hashref'     => ['my $o = $C->new($b);', '$x = $o->to_hashref;'],
-    'destroy-bytes'  => ['my @k = map { $C->new($b) } 1 .. $n;', 'undef $k[$i];'],
+    'class-encode'   => ['', '$x = CLASS->new($h)->pack;'],
+    'new-hash'       => ['', '$x = CLASS->new($h);'],
+    'new-hash-kept'  => ['my @k; $#k = $n - 1;', '$k[$i] = CLASS->new($h);', '@k = ();'],
+    'pack'           => ['my $o = CLASS->new($h);', '$x = $o->pack;'],
+    'destroy-hash'   => ['my @k = map { CLASS->new($h) } 1 .. $n;', 'undef $k[$i];'],
+    'class-decode'   => ['', '$x = CLASS->new($b)->to_hashref;'],
+    'new-bytes'      => ['', '$x = CLASS->new($b);'],
+    'new-bytes-kept' => ['my @k; $#k = $n - 1;', '$k[$i] = CLASS->new($b);', '@k = ();'],
+    'to_hashref'     => ['my $o = CLASS->new($b);', '$x = $o->to_hashref;'],
+    'destroy-bytes'  => ['my @k = map { CLASS->new($b) } 1 .. $n;', 'undef $k[$i];'],
     'codec-encode'   => ['', '$x = quillon_event_log::Codec::encode_event($h);'],
     'codec-decode'   => ['', '$x = quillon_event_log::Codec::decode_event($b);'],
     'json-encode'    => ['', '$x = $json->encode($h);'],
@@ -125,8 +125,8 @@ my %PATH = (
     'peer-decode'    => ['', '$x = $peer->decode($b);'],
     # The getter beside empty method calls; 'loop' is the loop and the
     # assignment alone, taken off all three.
-    'loop'              => ['my $o = $C->new($h);', '$x = $o;'],
-    'string-getter'     => ['my $o = $C->new($h);', '$x = $o->bot_name;'],
+    'loop'              => ['my $o = CLASS->new($h);', '$x = $o;'],
+    'string-getter'     => ['my $o = CLASS->new($h);', '$x = $o->bot_name;'],
     'empty-xsub-method' => ['my $o = bless \(my $v = 1), "QelSpeed::Empty";', '$x = $o->xsub;'],
     'empty-perl-method' => ['my $o = bless \(my $v = 1), "QelSpeed::Empty";', '$x = $o->perl;'],
 );
@@ -170,6 +170,8 @@ sub compile_case {
     my $case = $PATH{$path} or die "no case '$path' (see --list)\n";
     available($path) or die "$path: " . (grep { defined } @MISSING{qw(sereal cbor peer)})[0] . "\n";
     my ($setup, $body, $teardown) = (@$case, '', '');
+    # The class is named as callers name it, a bareword: CLASS->new(...).
+    s/\bCLASS->/${C}->/g for $setup, $body, $teardown;
     my $b = quillon_event_log::Codec::encode_event($h);
     my $j = $json->encode($h);
     my $s = $senc ? $senc->encode($h) : undef;
