@@ -10,6 +10,7 @@
 
 #include "address_text.h"
 #include "codec_common.h"
+#include "convert.h"
 #include "runtime_log.h"
 
 namespace qel {
@@ -338,12 +339,7 @@ HV *build_hash(pTHX_ Dec &d) {
         switch (f.family) {
         case Family::String: sv = string_sv(aTHX_ d, f, value.s.p, value.s.len); break;
         case Family::UInt32: sv = newSVuv(static_cast<uint32_t>(value.n)); break;
-        case Family::UInt64: {
-            char digits[20];
-            const auto end = std::to_chars(digits, digits + sizeof digits, value.n).ptr;
-            sv = newSVpvn(digits, static_cast<STRLEN>(end - digits));
-            break;
-        }
+        case Family::UInt64: sv = value_to_sv(aTHX_ static_cast<uint64_t>(value.n)); break;
         case Family::Bool: sv = newSViv(value.n != 0); break;
         case Family::Address: sv = address_value(aTHX_ d, d.address[f.slot]); break;
         case Family::StringList: sv = newRV_inc(reinterpret_cast<SV *>(value.list)); break;

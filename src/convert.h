@@ -3,8 +3,8 @@
 #ifndef QEL_CONVERT_H
 #define QEL_CONVERT_H
 
-#include <charconv>
 #include <cstdlib>
+#include <cstring>
 
 #include "binding.h"
 
@@ -19,12 +19,45 @@ inline SV *value_to_sv(pTHX_ const std::string &s) { return newSVpvn(s.data(), s
 
 inline SV *value_to_sv(pTHX_ uint32_t v) { return newSVuv(v); }
 
+// The decimal digits of `v`, written backwards so that they end at `end`;
+// returns where they start (at most 20 bytes before `end`).  Two digits per
+// step from a table, eight digits at a time in 32-bit arithmetic: a 20-digit
+// value takes two 64-bit divisions, where a digit-pair loop over the whole
+// value takes nine.
+inline char *put_decimal(char *end, uint64_t v) {
+    static constexpr char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    char *p = end;
+    while (v >= 100000000) {
+        auto low = static_cast<uint32_t>(v % 100000000);
+        v /= 100000000;
+        for (int k = 0; k < 4; ++k, low /= 100) {
+            p -= 2;
+            std::memcpy(p, kPairs + 2 * (low % 100), 2);
+        }
+    }
+    auto w = static_cast<uint32_t>(v);
+    for (; w >= 100; w /= 100) {
+        p -= 2;
+        std::memcpy(p, kPairs + 2 * (w % 100), 2);
+    }
+    if (w >= 10) {
+        p -= 2;
+        std::memcpy(p, kPairs + 2 * w, 2);
+    } else {
+        *--p = static_cast<char>('0' + w);
+    }
+    return p;
+}
+
 // uint64 values leave as decimal text, never as numbers, so no precision is
 // lost on any Perl.
 inline SV *value_to_sv(pTHX_ uint64_t v) {
     char digits[20];
-    const auto end = std::to_chars(digits, digits + sizeof digits, v).ptr;
-    return newSVpvn(digits, end - digits);
+    const char *start = put_decimal(digits + sizeof digits, v);
+    return newSVpvn(start, static_cast<STRLEN>(digits + sizeof digits - start));
 }
 
 inline SV *value_to_sv(pTHX_ bool v) { return newSViv(v ? 1 : 0); }

@@ -142,6 +142,38 @@ is $differ, 0, "$records records of every family and size: pack writes the codec
     }
 }
 
+# ---- uint64 values as decimal text, on the way out ---------------------------------
+
+# Every number of digits, the values next to each power of ten and to the
+# eight-digit steps of the writer, and random values of every length: the
+# getter, to_hashref and the codec give back the canonical text that went in.
+{
+    my @texts = ('0', '18446744073709551615', '9223372036854775808');
+    for my $k (1 .. 19) {
+        push @texts, '9' x $k, '1' . ('0' x $k), '1' . ('0' x ($k - 1)) . '1';
+    }
+    my $seed = 12345;
+    my $next = sub { $seed = ($seed * 1103515245 + 12345) % 2147483648; $seed };
+    for my $len (1 .. 19) {
+        for (1 .. 30) {
+            my $t = 1 + $next->() % 9;
+            $t .= $next->() % 10 for 2 .. $len;
+            push @texts, $t;
+        }
+    }
+    # Twenty digits, below 18 * 10**18 and so below 2**64.
+    push @texts, '1' . ($next->() % 8) . join('', map { $next->() % 10 } 1 .. 18) for 1 .. 30;
+    my @wrong;
+    for my $text (@texts) {
+        my $r = $CLASS->new({ device_id => $text });
+        my @got = ($r->device_id, $r->to_hashref->{device_id},
+                   quillon_event_log::Codec::decode_event($r->pack)->{device_id});
+        push @wrong, "$text: @got" if grep { $_ ne $text } @got;
+    }
+    is scalar(@texts), 660, '660 uint64 texts';
+    is_deeply \@wrong, [], '... each given back as it went in, by the getter, to_hashref and the codec';
+}
+
 # ---- new(\%h): the hash read by its own entries ----------------------------------
 
 # Conversions with and without the fast paths give what the setters give.
