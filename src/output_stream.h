@@ -1,6 +1,6 @@
-// The zero-copy output stream that lets the protobuf serialiser write straight
-// into the buffer of a Perl string, pack_record(), its one user, and the
-// record writer of the stream writer.
+// The record writers: pack_record() for pack, serialise_record() for the
+// stream writer's write_record, and the zero-copy output stream through which
+// pack lets the protobuf serialiser write straight into a Perl string.
 #ifndef QEL_OUTPUT_STREAM_H
 #define QEL_OUTPUT_STREAM_H
 
@@ -47,8 +47,8 @@ SV *pack_record(pTHX_ const Record &m);
 
 // Writes the encoding of `m` to `out`, its ByteSizeLong() of `size` bytes
 // having just been taken.  A record the direct writer can take, of 256 bytes
-// to 64 KiB, is written into `scratch` (kept by the caller from one record to the
-// next) and from there in one raw write; any other, by the runtime's
+// to 64 KiB, is written into `scratch` (kept by the caller from one record to
+// the next) and from there in one raw write; any other, by the runtime's
 // serialiser.  The bytes and any runtime log lines are the same either way.
 void serialise_record(google::protobuf::io::CodedOutputStream &out, const Record &m, size_t size,
                       std::string &scratch);
