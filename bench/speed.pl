@@ -388,6 +388,23 @@ sub verdict { my ($v, $max) = @_; defined $v ? ($v <= $max ? 'ok' : 'MISS') : '-
 
 my %ENCODE_TARGET = (typical => 0.70, small => 0.80, large => 0.45);
 my %DECODE_TARGET = (typical => 0.70, small => 1.00, large => 0.45);
+
+# Each direction's rows of a shape's table: the class's path with its target
+# and its steps, then (in the loop below) the codec, the other libraries and
+# the C++ program.
+my %CLASS_ROWS = (
+    encode => ['class encode: new(\%h)->pack', 'class-encode', \%ENCODE_TARGET,
+               ['  new(\%h), dropped', 'new-hash'], ['  new(\%h), kept', 'new-hash-kept'],
+               ['  pack', 'pack'], ['  DESTROY', 'destroy-hash']],
+    decode => ['class decode: new($bytes)->to_hashref', 'class-decode', \%DECODE_TARGET,
+               ['  new($bytes), dropped', 'new-bytes'], ['  new($bytes), kept', 'new-bytes-kept'],
+               ['  to_hashref', 'to_hashref'], ['  DESTROY', 'destroy-bytes']],
+);
+my %LIMIT_ROWS = (
+    encode => [['C++ SerializeToString', 'limit-serialize']],
+    decode => [['C++ ParseFromString, reused message', 'limit-parse'],
+               ['C++ ParseFromString, new message', 'limit-parse-new']],
+);
 my $PEER_TARGET = 20;
 my @misses;
 
@@ -418,36 +435,18 @@ for my $shape (@SHAPES) {
         push @misses, "$name $label" if $v eq 'MISS';
         push @rows, [$label, ns(med($name, $id)), spread($name, $id), x($r), $target // '', $v];
     };
-    my $sereal_enc = ratio("$name sereal-encode", "$name json-encode");
-    my $sereal_dec = ratio("$name sereal-decode", "$name json-decode");
-    $row->('class encode: new(\%h)->pack', 'class-encode', 'encode',
-           sprintf('<= %.2f', $ENCODE_TARGET{$name}), $ENCODE_TARGET{$name});
-    $row->('  new(\%h), dropped', 'new-hash', 'encode');
-    $row->('  new(\%h), kept', 'new-hash-kept', 'encode');
-    $row->('  pack', 'pack', 'encode');
-    $row->('  DESTROY', 'destroy-hash', 'encode');
-    $row->('codec encode_event', 'codec-encode', 'encode',
-           defined $sereal_enc ? sprintf('<= %.2f (Sereal)', $sereal_enc) : '', $sereal_enc);
-    $row->('JSON::XS encode', 'json-encode', 'encode');
-    $row->('Sereal encode', 'sereal-encode', 'encode') if $senc;
-    $row->('CBOR::XS encode', 'cbor-encode', 'encode') if $cbor;
-    $row->('pure-Perl peer encode', 'peer-encode', 'encode') if $peer;
-    $row->('C++ SerializeToString', 'limit-serialize', 'encode') if $limit_bin;
-    $row->('class decode: new($bytes)->to_hashref', 'class-decode', 'decode',
-           sprintf('<= %.2f', $DECODE_TARGET{$name}), $DECODE_TARGET{$name});
-    $row->('  new($bytes), dropped', 'new-bytes', 'decode');
-    $row->('  new($bytes), kept', 'new-bytes-kept', 'decode');
-    $row->('  to_hashref', 'to_hashref', 'decode');
-    $row->('  DESTROY', 'destroy-bytes', 'decode');
-    $row->('codec decode_event', 'codec-decode', 'decode',
-           defined $sereal_dec ? sprintf('<= %.2f (Sereal)', $sereal_dec) : '', $sereal_dec);
-    $row->('JSON::XS decode', 'json-decode', 'decode');
-    $row->('Sereal decode', 'sereal-decode', 'decode') if $senc;
-    $row->('CBOR::XS decode', 'cbor-decode', 'decode') if $cbor;
-    $row->('pure-Perl peer decode', 'peer-decode', 'decode') if $peer;
-    if ($limit_bin) {
-        $row->('C++ ParseFromString, reused message', 'limit-parse', 'decode');
-        $row->('C++ ParseFromString, new message', 'limit-parse-new', 'decode');
+    for my $dir (qw(encode decode)) {
+        my ($label, $id, $targets, @parts) = @{ $CLASS_ROWS{$dir} };
+        $row->($label, $id, $dir, sprintf('<= %.2f', $targets->{$name}), $targets->{$name});
+        $row->(@$_, $dir) for @parts;
+        my $sereal = ratio("$name sereal-$dir", "$name json-$dir");
+        $row->("codec ${dir}_event", "codec-$dir", $dir,
+               defined $sereal ? sprintf('<= %.2f (Sereal)', $sereal) : '', $sereal);
+        $row->("JSON::XS $dir", "json-$dir", $dir);
+        $row->("Sereal $dir", "sereal-$dir", $dir) if $senc;
+        $row->("CBOR::XS $dir", "cbor-$dir", $dir) if $cbor;
+        $row->("pure-Perl peer $dir", "peer-$dir", $dir) if $peer;
+        if ($limit_bin) { $row->(@$_, $dir) for @{ $LIMIT_ROWS{$dir} } }
     }
     table(sprintf('%s: %d fields, %d bytes on the wire, %d as JSON', $name, scalar(keys %{ $shape->[1] }),
                   length $bytes, length $json->encode($shape->[1])),
