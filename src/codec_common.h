@@ -3,8 +3,8 @@
 // tables as the wire sees them (numbers and tags from the descriptor), the
 // skipping of unknown values and the text of a wire fault (the primitives
 // themselves are in wire_format.h), UTF-8 classification, and the texts that
-// describe Perl values in error messages.  Nothing here owns memory with a destructor, so any of it
-// may sit in a frame that croaks.
+// describe Perl values in error messages.  Nothing here owns memory with a
+// destructor, so any of it may sit in a frame that croaks.
 #ifndef QEL_CODEC_COMMON_H
 #define QEL_CODEC_COMMON_H
 

@@ -103,8 +103,12 @@ const WireTables &wire_tables() {
     return tables;
 }
 
+// A tag is copied whole, all five bytes of Field::tag whatever its length, so
+// a buffer put_record writes into has this much room past the encoding.
+constexpr size_t kTagSlack = sizeof(Field::tag);
+
 inline char *put_tag(char *p, const Field &f) {
-    std::memcpy(p, f.tag, 5);  // the buffer always has room for 5 (see pack_record)
+    std::memcpy(p, f.tag, kTagSlack);
     return p + f.tag_len;
 }
 
@@ -180,8 +184,7 @@ SV *pack_record(pTHX_ const Record &m) {
     if (size > INT_MAX)
         return nullptr;
     if (direct && size > 0) {
-        // Five bytes of slack: a tag is copied whole, whatever its length.
-        SV *out = newSV(size + 5);
+        SV *out = newSV(size + kTagSlack);
         char *end = put_record(SvPVX(out), m, tables);
         *end = '\0';
         SvCUR_set(out, static_cast<STRLEN>(end - SvPVX(out)));
@@ -218,7 +221,7 @@ void serialise_record(google::protobuf::io::CodedOutputStream &out, const Record
         m.SerializeWithCachedSizes(&out);
         return;
     }
-    scratch.resize(size + 5);  // five bytes of slack, as in pack_record
+    scratch.resize(size + kTagSlack);
     const char *end = put_record(&scratch[0], m, tables);
     out.WriteRaw(scratch.data(), static_cast<int>(end - scratch.data()));
 }
