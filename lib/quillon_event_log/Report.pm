@@ -179,12 +179,20 @@ sub _compact {
 sub _coarsen {
     my ($s, $unit) = @_;
     my %coarse;
-    while (my ($start, $actions) = each %{ $s->{timeline} }) {
-        my $into = $coarse{ $start - $start % $unit } //= {};
-        $into->{$_} += $actions->{$_} for keys %$actions;
-    }
+    _add_buckets(\%coarse, $s->{timeline}, $unit);
     $s->{timeline} = \%coarse;
     $s->{unit} = $unit;
+    return;
+}
+
+# Adds the counts of the timeline `from` into the timeline `into`, each bucket
+# into the one of `unit` seconds that holds its start.
+sub _add_buckets {
+    my ($into, $from, $unit) = @_;
+    while (my ($start, $actions) = each %$from) {
+        my $bucket = $into->{ $start - $start % $unit } //= {};
+        $bucket->{$_} += $actions->{$_} for keys %$actions;
+    }
     return;
 }
 
@@ -215,11 +223,7 @@ sub merge {
     }
     # Timelines meet at the coarser of the two units.
     _coarsen($s, $o->{unit}) if $o->{unit} > $s->{unit};
-    my $unit = $s->{unit};
-    while (my ($start, $actions) = each %{ $o->{timeline} }) {
-        my $into = $s->{timeline}{ $start - $start % $unit } //= {};
-        $into->{$_} += $actions->{$_} for keys %$actions;
-    }
+    _add_buckets($s->{timeline}, $o->{timeline}, $s->{unit});
     $self->_bound;
     return $self;
 }
