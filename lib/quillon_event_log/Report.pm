@@ -385,17 +385,28 @@ sub time_buckets {
     croak "unknown option \"$_\"" for sort keys %opt;
     croak 'max_rows must be a positive integer'
         unless defined $max && !ref $max && $max =~ /\A[1-9][0-9]*\z/;
-    my $buckets = $timeline->{buckets};
     my $width = $class->bucket_width($timeline, $max, @BUCKET_MINUTES);
-    return { width => $width, rows => [] } unless @$buckets;
+    my $rows = $class->regroup($timeline, 60 * $width);
+    return { width => $width, rows => [ map { { start => $_->{start}, count => $_->{count} } } @$rows ] };
+}
 
-    my $first = int($buckets->[0]{start} / 60 / $width);
-    my @counts = (0) x (int($buckets->[-1]{start} / 60 / $width) - $first + 1);
-    $counts[ int($_->{start} / 60 / $width) - $first ] += $_->{count} for @$buckets;
-    return {
-        width => $width,
-        rows  => [ map { { start => 60 * $width * ($first + $_), count => $counts[$_] } } 0 .. $#counts ],
-    };
+# The summary's buckets added up into display buckets of `width` seconds,
+# every one from the first to the last (empty ones too), with the counts per
+# action added up.  The text form and the HTML page both regroup with it.
+sub regroup {
+    my ($class, $timeline, $width) = @_;
+    my $buckets = $timeline->{buckets} || [];
+    return [] unless @$buckets;
+    my $first = int($buckets->[0]{start} / $width);
+    my $last  = int($buckets->[-1]{start} / $width);
+    my @rows = map { { start => ($first + $_) * $width, count => 0, actions => {} } } 0 .. $last - $first;
+    for my $bucket (@$buckets) {
+        my $row = $rows[ int($bucket->{start} / $width) - $first ];
+        $row->{count} += $bucket->{count};
+        my $actions = $bucket->{actions} || {};
+        $row->{actions}{$_} += $actions->{$_} for keys %$actions;
+    }
+    return \@rows;
 }
 
 # The width in minutes of display buckets for a timeline: the narrowest of
@@ -724,6 +735,16 @@ other renderers.
 C<bucket_width> chooses the display buckets of a timeline as L</time_buckets>
 does, for any list of widths in minutes and any most number of buckets;
 C<bucket_name> names a bucket of so many seconds. The HTML page uses both.
+
+=head2 regroup
+
+  my $rows = quillon_event_log::Report->regroup($summary->{timeline}, $width);
+  # [ { start => 1763596800, count => 12, actions => { none => 10, block => 2 } }, ... ]
+
+The summary's time buckets added up into buckets of C<$width> seconds (a
+multiple of the summary's unit), every one from the first request's to the
+last's, empty ones included. L</time_buckets> and the HTML page group with
+it.
 
 =head1 THE SUMMARY
 

@@ -224,24 +224,9 @@ sub bucket_seconds {
 # "minute", "5 minutes", "hour", "3 hours", "day", "2 days".
 sub bucket_name { shift; quillon_event_log::Report->bucket_name(@_) }
 
-# The summary's buckets regrouped into display buckets of `width` seconds,
-# every one from the first to the last (empty ones too), with the counts per
-# action added up.
-sub regroup {
-    my ($class, $timeline, $width) = @_;
-    my $buckets = $timeline->{buckets} || [];
-    return [] unless @$buckets;
-    my $first = int($buckets->[0]{start} / $width);
-    my $last  = int($buckets->[-1]{start} / $width);
-    my @rows = map { { start => ($first + $_) * $width, count => 0, actions => {} } } 0 .. $last - $first;
-    for my $b (@$buckets) {
-        my $row = $rows[ int($b->{start} / $width) - $first ];
-        $row->{count} += $b->{count};
-        my $actions = $b->{actions} || {};
-        $row->{actions}{$_} += $actions->{$_} for keys %$actions;
-    }
-    return \@rows;
-}
+# The summary's buckets added up into display buckets of `width` seconds
+# (the report's own regrouping).
+sub regroup { shift; quillon_event_log::Report->regroup(@_) }
 
 # The series of the timeline, bottom first: [ action, colour ] for each
 # action drawn, and the actions that share the grey series, if any.
@@ -656,7 +641,7 @@ A bucket width in words, as the page writes it.
 
 The summary's time buckets added up into buckets of C<$width> seconds (a
 multiple of the summary's unit), every one from the first request's to the
-last's, empty ones included.
+last's, empty ones included: L<quillon_event_log::Report/regroup>.
 
 =head2 label
 
